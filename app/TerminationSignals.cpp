@@ -1,0 +1,53 @@
+#include "app/TerminationSignals.h"
+
+#include <QCoreApplication>
+#include <QSocketNotifier>
+
+#include <array>
+#include <csignal>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+
+// A signal handler may do next to nothing: it writes here, and the event loop reads.
+int eventDescriptor = -1;
+
+void wakeEventLoop(int)
+{
+    const quint64 one = 1;
+    [[maybe_unused]] const ssize_t written = ::write(eventDescriptor, &one, sizeof one);
+}
+
+void handleTerminationWith(void (*handler)(int))
+{
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : std::array{SIGTERM, SIGINT})
+        ::sigaction(signal, &action, nullptr);
+}
+
+} // namespace
+
+TerminationSignals::TerminationSignals(QObject *parent) : QObject(parent)
+{
+    eventDescriptor = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    auto *notifier = new QSocketNotifier(eventDescriptor, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &TerminationSignals::handleSignal);
+    handleTerminationWith(wakeEventLoop);
+}
+
+TerminationSignals::~TerminationSignals()
+{
+    handleTerminationWith(SIG_DFL);
+    ::close(eventDescriptor);
+    eventDescriptor = -1;
+}
+
+void TerminationSignals::handleSignal()
+{
+    quint64 count = 0;
+    [[maybe_unused]] const ssize_t read = ::read(eventDescriptor, &count, sizeof count);
+    QCoreApplication::exit(0);
+}

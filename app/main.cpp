@@ -1,0 +1,44 @@
+#include "app/LogHandler.h"
+#include "app/TerminationSignals.h"
+#include "config/ConfigDatabase.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDebug>
+
+static void readCommandLine(const QCoreApplication &application)
+{
+    const QCommandLineOption configFile({QStringLiteral("c"), QStringLiteral("configfile")},
+        QCoreApplication::translate("main", "Configuration file (default is /tmp/ostraForwarder.sqlite)."),
+        QCoreApplication::translate("main", "file"));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QCoreApplication::applicationName());
+    parser.addHelpOption();
+    parser.addVersionOption();
+    parser.addOption(configFile);
+    parser.process(application);
+
+    if (!parser.isSet(configFile)) {
+        qInfo() << "Using default configuration";
+        return;
+    }
+    const QString path = parser.value(configFile);
+    qInfo() << "Using custom configuration : " << path;
+    if (!path.isEmpty())
+        ConfigDatabase::getInstance(path);
+}
+
+int main(int argc, char *argv[])
+{
+    qInstallMessageHandler(handleLogMessage);
+    QCoreApplication application(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("Ostra Relief"));
+    QCoreApplication::setApplicationName(QStringLiteral("Quillon"));
+    QCoreApplication::setApplicationVersion(QStringLiteral("0.23.0"));
+    const TerminationSignals terminationSignals;
+
+    readCommandLine(application);
+    ConfigDatabase::getInstance();
+
+    return QCoreApplication::exec();
+}

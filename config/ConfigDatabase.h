@@ -1,0 +1,94 @@
+#pragma once
+
+#include "config/DataForwarderConfig.h"
+#include "config/RadioAdapterConfig.h"
+
+#include <QList>
+#include <QSharedPointer>
+#include <QSqlDatabase>
+#include <QString>
+#include <QStringList>
+
+class QSqlQuery;
+
+/// The configuration store: one SQLite file that holds every setting and every live status.
+/// Each operation opens the file, runs its statements and closes it again, so that outside tools may edit it
+/// at any time. A statement that fails is logged where an operation says so and otherwise yields the empty
+/// result; nothing is thrown.
+class ConfigDatabase
+{
+public:
+    /// The process-wide instance, made on the file `path` by the first call; later calls ignore `path`.
+    static ConfigDatabase *getInstance(const QString &path);
+    /// The process-wide instance, made on the default file when there is none yet.
+    static ConfigDatabase *getInstance();
+
+    ConfigDatabase(const ConfigDatabase &) = delete;
+    ConfigDatabase &operator=(const ConfigDatabase &) = delete;
+
+    // Connection and schema
+
+    /// Opens the file, made anew when it is missing; the first call also migrates an older schema.
+    /// A file that cannot be opened is logged, and the event loop is told to end with code -1.
+    void openDatabase();
+    void closeDatabase();
+    /// Makes and fills a new file; false when it cannot be opened.
+    bool createDatabase();
+    void initUartBlacklist();
+    void initSystemConfiguration();
+    void initAdapters();
+    void initDataForwarder();
+    void initPendingActions();
+    /// Compares the file's release with the current one and migrates what is older.
+    void checkDatabaseRelease();
+    void updateSchemaVersion();
+
+    // Radio adapters
+
+    /// Inserts a row and stores its id in `config`; on failure logs and leaves the id as it was.
+    void addDiscoveredAdapter(QSharedPointer<RadioAdapterConfig> config);
+    /// Writes every field of `config` to the row with its id.
+    void updateDiscoveredAdapter(QSharedPointer<RadioAdapterConfig> config);
+    void resetAdapters();
+    QList<QSharedPointer<RadioAdapterConfig>> getRadioAdapters();
+    /// Names of the ports that must never be opened.
+    QStringList getPortBlacklist();
+
+    // Data forwarders
+
+    /// All rows, disabled ones too.
+    QList<DataForwarderConfig> getDataForwarders();
+    /// The row with this id; logs and returns the default record when there is none.
+    DataForwarderConfig getForwarderConfiguration(int id);
+    void updateForwarderStatus(int id, DataForwarderConfig::ForwarderStatus status);
+    void resetForwarders();
+
+    // System configuration and pending actions
+
+    /// The value of a key as stored, or "undefined" when the key is missing.
+    QString getSystemConfigurationValue(const QString &name);
+    bool hasPendingActions();
+    /// Takes the first action off the table and returns its command in capitals; empty when there is none.
+    QString getFirstPendingActions();
+
+protected:
+    explicit ConfigDatabase(const QString &path);
+    ~ConfigDatabase() = default;
+
+private:
+    class Session;
+
+    void migrateFromOldest(QSqlQuery &query);
+    void migrateFromRelease10(QSqlQuery &query);
+    void insertMissingKey(
+        QSqlQuery &query, const QString &key, const QString &value, const char *insertedText);
+    void addMissingColumn(
+        QSqlQuery &query, const QString &probe, const QString &alteration, const char *insertedText);
+    void insertMissingCloudForwarder(QSqlQuery &query);
+
+    static ConfigDatabase *s_instance;
+
+    QSqlDatabase m_database;
+    QString m_path;
+    bool m_releaseCheckPending = true;
+};
