@@ -1,6 +1,8 @@
 #include "app/LogHandler.h"
 #include "app/TerminationSignals.h"
+#include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
+#include "config/ConfigKeys.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -38,7 +40,9 @@ int main(int argc, char *argv[])
     const TerminationSignals terminationSignals;
 
     readCommandLine(application);
-    ConfigDatabase::getInstance();
+    const QString autoKill = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
+    if (autoKill.toUpper() == QLatin1String("TRUE"))
+        AutoKill::getInstance()->start();
 
     return QCoreApplication::exec();
 }

@@ -8,6 +8,8 @@
 inline const QString AUTOKILL_ENABLED_KEY = QStringLiteral("autokill_enabled");
 inline const QString AUTOKILL_USER_KEY = QStringLiteral("autokill_user");
 inline const QString AUTOKILL_PWD_KEY = QStringLiteral("autokill_pwd");
+/// Optional, not in a new file: the resource-management service, "https://host" or "https://host:port".
+inline const QString AUTOKILL_URL_KEY = QStringLiteral("autokill_url");
 inline const QString OWNER_DEPT_KEY = QStringLiteral("owner_dept");
 inline const QString OWNER_EMAIL_KEY = QStringLiteral("owner_email");
 inline const QString BDD_RELEASE_KEY = QStringLiteral("bdd_release");

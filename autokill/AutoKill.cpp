@@ -1,0 +1,147 @@
+#include "autokill/AutoKill.h"
+
+#include "config/ConfigDatabase.h"
+#include "config/ConfigKeys.h"
+
+#include <QDebug>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QSslConfiguration>
+
+namespace {
+
+const QString defaultServiceAddress = QStringLiteral("https://resources.example.org");
+const QString loginPath = QStringLiteral("/api/auth");
+const QString resourcesPath =
+    QStringLiteral("/api/ressource?limit=%1&offset=0&type=dpmr&attributeName=autokill&attributeValue=true");
+constexpr int resourcesLimit = 100;
+
+bool isServiceAddress(const QUrl &url)
+{
+    const QUrl hostAndPort =
+        url.adjusted(QUrl::RemoveUserInfo | QUrl::RemovePath | QUrl::RemoveQuery | QUrl::RemoveFragment);
+    return url.isValid() && url.scheme() == QLatin1String("https") && !url.host().isEmpty()
+        && url == hostAndPort;
+}
+
+} // namespace
+
+AutoKill *AutoKill::getInstance()
+{
+    static auto *instance = new AutoKill; // lives until the process ends
+    return instance;
+}
+
+AutoKill::AutoKill(QObject *parent)
+    : QObject(parent), m_userName(UNDEFINED_VALUE), m_password(UNDEFINED_VALUE),
+      m_resourcesPath(resourcesPath.arg(resourcesLimit))
+{
+}
+
+void AutoKill::start()
+{
+    delete m_networkManager;
+    m_networkManager = nullptr;
+    ConfigDatabase *database = ConfigDatabase::getInstance();
+    m_userName = database->getSystemConfigurationValue(AUTOKILL_USER_KEY);
+    m_password = database->getSystemConfigurationValue(AUTOKILL_PWD_KEY);
+    if (!readServiceAddress())
+        return;
+    m_networkManager = new QNetworkAccessManager(this);
+    connect(m_networkManager, &QNetworkAccessManager::finished, this, &AutoKill::replyFinished);
+    m_refreshTimer.setInterval(m_refreshInterval);
+    connect(&m_refreshTimer, &QTimer::timeout, this, &AutoKill::refresh, Qt::UniqueConnection);
+    m_refreshTimer.start();
+    refresh();
+}
+
+bool AutoKill::isFlagged(const QString &radioId) const
+{
+    const QString enabled = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
+    return enabled.toUpper() == QLatin1String("TRUE") && m_flaggedRadios.contains(radioId);
+}
+
+bool AutoKill::readServiceAddress()
+{
+    m_serviceAddress = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_URL_KEY);
+    if (m_serviceAddress == UNDEFINED_VALUE)
+        m_serviceAddress = defaultServiceAddress;
+    if (isServiceAddress(QUrl(m_serviceAddress, QUrl::StrictMode)))
+        return true;
+    qInfo() << "AutoKill : autokill_url is no https address, nothing is sent : " << m_serviceAddress;
+    return false;
+}
+
+QNetworkRequest AutoKill::requestTo(const QString &pathAndQuery) const
+{
+    QNetworkRequest request(QUrl(m_serviceAddress + pathAndQuery));
+    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
+    tls.setProtocol(QSsl::TlsV1_3OrLater);
+    request.setSslConfiguration(tls);
+    // The service expects this text in this header, on purpose, and not in an Accept header.
+    request.setHeader(
+        QNetworkRequest::ServerHeader, QStringLiteral("accept:application/json; charset=UTF-8"));
+    return request;
+}
+
+void AutoKill::refresh()
+{
+    m_flaggedRadios.clear();
+    m_state = WaitingForLogin;
+    QNetworkRequest request = requestTo(loginPath);
+    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    // Both texts are inserted as they are, in one go, so that a "%2" in the user name stays what it is.
+    const QString body =
+        QStringLiteral("{\"username\":\"%1\",\"password\":\"%2\"}").arg(m_userName, m_password);
+    m_networkManager->post(request, body.toUtf8());
+}
+
+void AutoKill::retrieveDeathNote(QString bearer_token) // NOLINT(performance-unnecessary-value-param)
+{
+    QNetworkRequest request = requestTo(m_resourcesPath);
+    request.setRawHeader("authorization", QStringLiteral("Bearer %1").arg(bearer_token).toUtf8());
+    m_networkManager->get(request);
+}
+
+void AutoKill::replyFinished(QNetworkReply *reply)
+{
+    reply->deleteLater();
+    const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (code == 401) {
+        qInfo() << "Autokill : invalid credentials.";
+        return;
+    }
+    if (code != 200) {
+        qInfo() << "AutoKill : Unhandled HTTP response : code=" << code
+                << " reason=" << reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+        m_state = UnexpectedAnswer;
+        return;
+    }
+    handleOkAnswer(reply);
+}
+
+void AutoKill::handleOkAnswer(QNetworkReply *reply)
+{
+    const QByteArray body = reply->readAll();
+    const QJsonObject answer = QJsonDocument::fromJson(body).object();
+    switch (m_state) {
+    case WaitingForLogin:
+        m_state = WaitingForResources;
+        retrieveDeathNote(answer.value(QLatin1String("accessToken")).toString());
+        return;
+    case WaitingForResources: {
+        m_state = WaitingForLogin;
+        const QJsonArray entities = answer.value(QLatin1String("entities")).toArray();
+        for (const QJsonValue &entity : entities)
+            m_flaggedRadios.append(entity.toObject().value(QLatin1String("externalId")).toString());
+        return;
+    }
+    case UnexpectedAnswer:
+        qInfo() << "Current status : " << m_state << " got ignored reply : " << body;
+        m_state = WaitingForLogin;
+        return;
+    }
+}

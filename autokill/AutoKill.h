@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QNetworkRequest>
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QTimer>
+#include <QUrl>
+
+class QNetworkAccessManager;
+class QNetworkReply;
+
+/// Keeps the list of radios that a resource-management web service flags for automatic kill.
+/// Every five minutes it logs in over HTTPS (TLS 1.3 or later), receives a bearer token and fetches the list.
+class AutoKill : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// The process-wide instance, made by the first call and never destroyed.
+    static AutoKill *getInstance();
+
+    /// Reads address and credentials from the configuration and logs in at once, then every five minutes.
+    /// An address that is no "https://host" or "https://host:port" is logged, and nothing is sent.
+    void start();
+    /// Whether the radio stands on the list that was fetched last, and the feature is enabled right now.
+    bool isFlagged(const QString &radioId) const;
+
+protected:
+    explicit AutoKill(QObject *parent = nullptr);
+
+private slots:
+    void replyFinished(QNetworkReply *reply);
+    void refresh();
+    void retrieveDeathNote(QString bearer_token);
+
+private:
+    enum State {
+        WaitingForLogin = 0,
+        WaitingForResources = 1,
+        UnexpectedAnswer = 2,
+    };
+
+    bool readServiceAddress();
+    QNetworkRequest requestTo(const QString &pathAndQuery) const;
+    void handleOkAnswer(QNetworkReply *reply);
+
+    QString m_userName;
+    QString m_password;
+    const int m_refreshInterval = 300000; // ms
+    const QString m_resourcesPath;
+    QString m_serviceAddress; // scheme, host and port
+    QStringList m_flaggedRadios;
+    QTimer m_refreshTimer;
+    QNetworkAccessManager *m_networkManager = nullptr;
+    State m_state = WaitingForLogin;
+};
