@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QFileInfo>
+#include <QString>
+
+/// The device file that a port name leads to, through all links; empty when there is none.
+/// A port name is a name under /dev, such as ttyUSB0 or serial/by-id/usb-x, or an absolute path.
+inline QString devicePath(const QString &portName)
+{
+    const bool isAbsolute = portName.startsWith(QLatin1Char('/'));
+    return QFileInfo(isAbsolute ? portName : QStringLiteral("/dev/") + portName).canonicalFilePath();
+}

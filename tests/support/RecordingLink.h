@@ -1,0 +1,44 @@
+#pragma once
+
+#include "config/RadioAdapterConfig.h"
+#include "protocol/IcomCommand.h"
+#include "protocol/RadioLink.h"
+
+#include <QObject>
+
+/// Stands for an adapter: keeps what it is given to send, and emits what it is told to.
+class RecordingLink : public QObject, public RadioLink
+{
+    Q_OBJECT
+    Q_INTERFACES(RadioLink)
+
+public:
+    explicit RecordingLink(const QString &name = QString(), const QString &port = QString())
+    {
+        m_config->name = name;
+        m_config->port = port;
+    }
+
+    struct Delayed
+    {
+        QSharedPointer<IcomCommand> command;
+        int delayMs;
+    };
+
+    QSharedPointer<RadioAdapterConfig> config() const override { return m_config; }
+    void enqueueCommand(QSharedPointer<IcomCommand> command) override { queued.append(command); }
+    void addDelayedCommand(QSharedPointer<IcomCommand> command, int delayMs) override
+    {
+        delayed.append({command, delayMs});
+    }
+
+    QList<QSharedPointer<IcomCommand>> queued;
+    QList<Delayed> delayed;
+
+signals:
+    void dataReceived(QSharedPointer<IcomCommandResponse> resp);
+    void dataSent(QSharedPointer<IcomCommand> command);
+
+private:
+    const QSharedPointer<RadioAdapterConfig> m_config = QSharedPointer<RadioAdapterConfig>::create();
+};
