@@ -1,0 +1,67 @@
+#include "forwarders/TcpDataForwarder.h"
+
+#include <QDebug>
+
+namespace {
+
+// All in ms.
+constexpr int reconnectDelay = 2000;
+constexpr int connectTimeout = 15000;
+constexpr int writeTimeout = 30000;
+
+} // namespace
+
+TcpDataForwarder::TcpDataForwarder(QObject *parent, int id) : DataForwarder(parent, id)
+{
+    setStatus(DataForwarderConfig::Idle);
+    const DataForwarderConfig config = configuration();
+    m_target = config.target;
+    m_port = config.port;
+    m_reconnectTimer.setSingleShot(true);
+    m_reconnectTimer.setInterval(reconnectDelay);
+    connect(&m_reconnectTimer, &QTimer::timeout, this, &TcpDataForwarder::reconnect);
+    connect(&m_socket, &QTcpSocket::errorOccurred, this, &TcpDataForwarder::error);
+    connect(&m_socket, &QTcpSocket::connected, this, &TcpDataForwarder::connected);
+    m_reconnectTimer.start();
+}
+
+void TcpDataForwarder::reconnect()
+{
+    if (m_connected)
+        return;
+    m_socket.connectToHost(m_target, quint16(m_port));
+    if (m_socket.waitForConnected(connectTimeout))
+        return;
+    qInfo() << "[" << m_target << ":" << m_port << "] " << m_socket.error() << " - "
+            << m_socket.errorString();
+    setStatus(DataForwarderConfig::Failed);
+    m_connected = false;
+    m_reconnectTimer.start();
+}
+
+void TcpDataForwarder::connected()
+{
+    qInfo() << "[" << m_target << ":" << m_port << "] socket connected";
+    m_connected = true;
+    setStatus(DataForwarderConfig::Working);
+}
+
+void TcpDataForwarder::error(QAbstractSocket::SocketError socketError)
+{
+    qInfo() << "[" << m_target << ":" << m_port << "] : erreur de la socket : " << socketError;
+    m_socket.close();
+    m_connected = false;
+    setStatus(DataForwarderConfig::Failed);
+    m_reconnectTimer.start();
+}
+
+void TcpDataForwarder::write(const QByteArray &message)
+{
+    m_socket.write(message);
+    m_socket.flush();
+}
+
+void TcpDataForwarder::waitUntilWritten()
+{
+    m_socket.waitForBytesWritten(writeTimeout);
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "forwarders/DataForwarder.h"
+
+#include <QTcpSocket>
+#include <QTimer>
+
+/// What the two TCP outputs share: one connection as a client, tried again 2 s after it failed or broke.
+/// Connecting and writing block the event loop, for at most 15 s and 30 s. Messages for a server that is not
+/// connected are dropped.
+class TcpDataForwarder : public DataForwarder
+{
+    Q_OBJECT
+
+public:
+    TcpDataForwarder(QObject *parent, int id);
+
+protected:
+    bool isConnected() const { return m_connected; }
+    /// Hands one message to the operating system and waits until it has taken it.
+    void write(const QByteArray &message);
+    void waitUntilWritten();
+
+private slots:
+    void reconnect();
+    void error(QAbstractSocket::SocketError socketError);
+    void connected();
+
+private:
+    QTcpSocket m_socket;
+    QTimer m_reconnectTimer;
+    bool m_connected = false;
+    QString m_target;
+    int m_port = -1;
+};
