@@ -3,6 +3,7 @@
 #include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
 #include "config/ConfigKeys.h"
+#include "serial/SerialDiscoverer.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -43,6 +44,9 @@ int main(int argc, char *argv[])
     const QString autoKill = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
     if (autoKill.toUpper() == QLatin1String("TRUE"))
         AutoKill::getInstance()->start();
+
+    SerialDiscoverer discoverer;
+    discoverer.initForwarders();
 
     return QCoreApplication::exec();
 }

@@ -1,0 +1,186 @@
+#include "serial/SerialDiscoverer.h"
+
+#include "config/ConfigDatabase.h"
+#include "forwarders/ExtendedRawDataForwarder.h"
+#include "forwarders/RawDataForwarder.h"
+#include "serial/DevicePath.h"
+#include "serial/SerialAdapter.h"
+
+#include <QFile>
+#include <QSerialPortInfo>
+#include <QTimer>
+
+#include <algorithm>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr int scanInterval = 5000; // ms
+
+template <typename Forwarder>
+DataForwarder *newForwarder(int id)
+{
+    return new Forwarder(nullptr, id);
+}
+
+struct ForwarderType
+{
+    QLatin1String type;
+    DataForwarder *(*create)(int id);
+};
+
+const ForwarderType forwarderTypes[] = {
+    {QLatin1String("RAW"), newForwarder<RawDataForwarder>},
+    {QLatin1String("ERAW"), newForwarder<ExtendedRawDataForwarder>},
+};
+
+/// Null for a type that is not known.
+QSharedPointer<DataForwarder> createForwarder(const DataForwarderConfig &config)
+{
+    for (const ForwarderType &known : forwarderTypes) {
+        if (config.type == known.type)
+            return QSharedPointer<DataForwarder>(known.create(config.ids));
+    }
+    return {};
+}
+
+bool isCharacterDevice(const QString &path)
+{
+    struct stat status = {};
+    return !path.isEmpty() && ::stat(QFile::encodeName(path).constData(), &status) == 0
+        && S_ISCHR(status.st_mode);
+}
+
+/// The row that decides for a port: the last one that names it. Null when there is none.
+QSharedPointer<RadioAdapterConfig> rowOf(const QString &portName)
+{
+    QSharedPointer<RadioAdapterConfig> found;
+    const auto rows = ConfigDatabase::getInstance()->getRadioAdapters();
+    for (const auto &row : rows) {
+        if (row->port == portName)
+            found = row;
+    }
+    return found;
+}
+
+} // namespace
+
+SerialDiscoverer::SerialDiscoverer(QObject *parent) : QObject(parent), m_scanTimer(new QTimer(this))
+{
+    m_scanTimer->setInterval(scanInterval);
+    connect(m_scanTimer, &QTimer::timeout, this, &SerialDiscoverer::discover);
+}
+
+void SerialDiscoverer::initForwarders()
+{
+    const QList<DataForwarderConfig> rows = ConfigDatabase::getInstance()->getDataForwarders();
+    for (const DataForwarderConfig &row : rows) {
+        if (!row.enabled)
+            continue;
+        if (const auto forwarder = createForwarder(row))
+            m_forwarders.append(forwarder);
+    }
+    m_scanTimer->start();
+}
+
+QStringList SerialDiscoverer::availablePortNames() const
+{
+    QStringList names;
+    const QList<QSerialPortInfo> ports = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo &port : ports)
+        names.append(port.portName());
+    return names;
+}
+
+QStringList SerialDiscoverer::staticPortNames() const
+{
+    QStringList names;
+    const auto rows = ConfigDatabase::getInstance()->getRadioAdapters();
+    for (const auto &row : rows) {
+        if (row->enabled && row->method == QLatin1String("STATIC")
+            && isCharacterDevice(devicePath(row->port)))
+            names.append(row->port);
+    }
+    return names;
+}
+
+void SerialDiscoverer::discover()
+{
+    const QStringList enumerated = availablePortNames();
+    for (const QString &portName : enumerated)
+        examinePort(portName);
+    const QStringList named = staticPortNames();
+    for (const QString &portName : named)
+        examinePort(portName);
+}
+
+void SerialDiscoverer::examinePort(const QString &portName)
+{
+    if (ConfigDatabase::getInstance()->getPortBlacklist().contains(portName) || isDriven(portName))
+        return;
+    QSharedPointer<RadioAdapterConfig> config = rowOf(portName);
+    if (!config)
+        config = registerPort(portName);
+    if (config->enabled)
+        startAdapter(config);
+}
+
+bool SerialDiscoverer::isDriven(const QString &portName) const
+{
+    const QString device = devicePath(portName);
+    return std::any_of(m_adapters.cbegin(), m_adapters.cend(), [&](const SerialAdapter *adapter) {
+        return adapter->portName() == portName || (!device.isEmpty() && adapter->device() == device);
+    });
+}
+
+QSharedPointer<RadioAdapterConfig> SerialDiscoverer::registerPort(const QString &portName) const
+{
+    const auto config = QSharedPointer<RadioAdapterConfig>::create();
+    config->port = portName;
+    config->name = QString(portName).remove(QStringLiteral("ttyUSB"));
+    config->method = QStringLiteral("UART"); // for every port, also the USB ones
+    config->autobaud = true;
+    config->tx_enabled = true;
+    config->enabled = true;
+    config->discovered = true;
+    ConfigDatabase::getInstance()->addDiscoveredAdapter(config);
+    return config;
+}
+
+void SerialDiscoverer::startAdapter(const QSharedPointer<RadioAdapterConfig> &config)
+{
+    auto *adapter = new SerialAdapter; // deleted by adapterStopped()
+    connect(adapter, &SerialAdapter::adapterStopped, this, &SerialDiscoverer::adapterStopped);
+    for (const auto &forwarder : qAsConst(m_forwarders)) {
+        connect(adapter, &SerialAdapter::dataReceived, forwarder.data(), &DataForwarder::forward);
+        connect(adapter, &SerialAdapter::dataSent, forwarder.data(), &DataForwarder::forwardSent);
+    }
+    // Listed first: an adapter whose port cannot be opened stops inside start(), and must be found then.
+    m_adapters.append(adapter);
+    adapter->start(config);
+}
+
+void SerialDiscoverer::adapterStopped()
+{
+    const auto *stopped = qobject_cast<SerialAdapter *>(sender());
+    const auto found = std::find_if(m_adapters.cbegin(), m_adapters.cend(),
+        [&](const SerialAdapter *adapter) { return stopped && adapter->portName() == stopped->portName(); });
+    if (found == m_adapters.cend())
+        return;
+    SerialAdapter *adapter = *found;
+    m_adapters.removeAll(adapter);
+    adapter->disconnect();
+    adapter->deleteLater();
+}
+
+void SerialDiscoverer::broadcastCommand(const QSharedPointer<IcomCommand> &command)
+{
+    for (SerialAdapter *adapter : qAsConst(m_adapters))
+        adapter->enqueueCommand(command);
+}
+
+void SerialDiscoverer::broadcastCommand(const QSharedPointer<IcomCommand> &command, int delayMs)
+{
+    for (SerialAdapter *adapter : qAsConst(m_adapters))
+        adapter->addDelayedCommand(command, delayMs);
+}

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "forwarders/DataForwarder.h"
+#include "protocol/IcomCommand.h"
+
+#include <QList>
+#include <QObject>
+#include <QSharedPointer>
+#include <QStringList>
+
+class QTimer;
+class SerialAdapter;
+
+/// Owns the outputs and the running adapters. Every five seconds it looks at the serial ports and starts an
+/// adapter on each one that is allowed and not driven yet.
+class SerialDiscoverer : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit SerialDiscoverer(QObject *parent = nullptr);
+
+    /// Makes one output for each enabled row and starts the scan timer; the first scan comes 5 s later.
+    void initForwarders();
+
+    /// Hands the same command to every running adapter.
+    void broadcastCommand(const QSharedPointer<IcomCommand> &command);
+    /// The same after `delayMs` milliseconds.
+    void broadcastCommand(const QSharedPointer<IcomCommand> &command, int delayMs);
+
+protected:
+    /// Names of the machine's serial ports, such as ttyUSB0, in the order in which they are enumerated.
+    virtual QStringList availablePortNames() const;
+
+private slots:
+    void discover();
+    void adapterStopped();
+
+private:
+    QStringList staticPortNames() const;
+    void examinePort(const QString &portName);
+    bool isDriven(const QString &portName) const;
+    QSharedPointer<RadioAdapterConfig> registerPort(const QString &portName) const;
+    void startAdapter(const QSharedPointer<RadioAdapterConfig> &config);
+
+    QList<SerialAdapter *> m_adapters; // in the order in which they were started
+    QList<QSharedPointer<DataForwarder>> m_forwarders;
+    QTimer *m_scanTimer;
+};
