@@ -1,7 +1,10 @@
 #include "serial/SerialDiscoverer.h"
 
 #include "config/ConfigDatabase.h"
+#include "forwarders/DuosDataForwarder.h"
 #include "forwarders/ExtendedRawDataForwarder.h"
+#include "forwarders/FileDataForwarder.h"
+#include "forwarders/GcpDataForwarder.h"
 #include "forwarders/RawDataForwarder.h"
 #include "serial/DevicePath.h"
 #include "serial/SerialAdapter.h"
@@ -30,8 +33,11 @@ struct ForwarderType
 };
 
 const ForwarderType forwarderTypes[] = {
+    {QLatin1String("DUOS"), newForwarder<DuosDataForwarder>},
+    {QLatin1String("FILE"), newForwarder<FileDataForwarder>},
     {QLatin1String("RAW"), newForwarder<RawDataForwarder>},
     {QLatin1String("ERAW"), newForwarder<ExtendedRawDataForwarder>},
+    {QLatin1String("GCP"), newForwarder<GcpDataForwarder>},
 };
 
 /// Null for a type that is not known.

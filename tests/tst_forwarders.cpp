@@ -1,5 +1,7 @@
 #include "config/ConfigDatabase.h"
+#include "forwarders/DuosDataForwarder.h"
 #include "forwarders/ExtendedRawDataForwarder.h"
+#include "forwarders/FileDataForwarder.h"
 #include "forwarders/RadioModels.h"
 #include "forwarders/RawDataForwarder.h"
 #include "protocol/ActionCommands.h"
@@ -9,6 +11,7 @@
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 
+#include <QFile>
 #include <QTcpServer>
 #include <QTest>
 
@@ -44,6 +47,10 @@ private slots:
     void tcpMessages_data();
     void tcpMessages();
     void tcpServerComesGoesAndComesBack();
+    void fileHoldsEveryLine();
+    void fileThatCannotBeOpened();
+    void fileOnAFullDisk();
+    void duosSendsNothing();
 
 private:
     int status(int id) const
@@ -162,6 +169,72 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     emit link.dataReceived(frame("back"));
     QTRY_COMPARE(client->bytesAvailable(), 6);
     QCOMPARE(client->readAll(), Frame::wrapped("back"));
+}
+
+void TestForwarders::fileHoldsEveryLine()
+{
+    QFile file(m_file.folder() + QStringLiteral("/frames.log"));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("what an earlier run has left");
+    file.close();
+    const int id = m_file.addForwarder(QStringLiteral("FILE"), file.fileName());
+    FileDataForwarder forwarder(nullptr, id);
+    QCOMPARE(status(id), 3);
+    QCOMPARE(file.size(), 0);
+
+    RecordingLink link;
+    connectTo(link, forwarder);
+    m_file.run(QStringLiteral("UPDATE data_forwarder SET status = 0"));
+    emit link.dataReceived(frame("*NTF,é\r"));
+    QCOMPARE(status(id), 3);
+    emit link.dataSent(displayCommand(&link, QStringLiteral("Hello")));
+    emit link.dataReceived(frame(QByteArray("a\0b", 3)));
+    QVERIFY(file.open(QIODevice::ReadOnly)); // while the output still has it open
+    QCOMPARE(file.readAll(),
+        "READ: \x02*NTF,é\r\x03\nWRITE: \x02*SET,UI,TEXT,Hello\x03\n"
+            + QByteArray("READ: \x02"
+                         "a\0b\x03\n",
+                12));
+}
+
+void TestForwarders::fileThatCannotBeOpened()
+{
+    const int id =
+        m_file.addForwarder(QStringLiteral("FILE"), m_file.folder() + QStringLiteral("/missing/x.log"));
+    LogCapture log;
+    FileDataForwarder forwarder(nullptr, id);
+    QCOMPARE(status(id), 4);
+    RecordingLink link;
+    connectTo(link, forwarder);
+    emit link.dataReceived(frame("lost"));
+    QCOMPARE(status(id), 3);
+    QCOMPARE(log.texts(), QStringList(QStringLiteral("erreur lors de l'ouverture du fichier de logs")));
+}
+
+void TestForwarders::fileOnAFullDisk()
+{
+    const int id = m_file.addForwarder(QStringLiteral("FILE"), QStringLiteral("/dev/full"));
+    LogCapture log;
+    FileDataForwarder forwarder(nullptr, id);
+    RecordingLink link;
+    connectTo(link, forwarder);
+    emit link.dataReceived(frame("one"));
+    emit link.dataReceived(frame("two"));
+    QCOMPARE(status(id), 4);
+    QCOMPARE(log.texts(),
+        QStringList(QStringLiteral("Cannot write to \"/dev/full\" : \"No space left on device\"")));
+}
+
+void TestForwarders::duosSendsNothing()
+{
+    const int id = m_file.addForwarder(QStringLiteral("DUOS"), QStringLiteral("nowhere"), 1);
+    DuosDataForwarder forwarder(nullptr, id);
+    QCOMPARE(status(id), 3);
+    RecordingLink link;
+    connectTo(link, forwarder);
+    emit link.dataReceived(frame("one"));
+    emit link.dataSent(displayCommand(&link, QStringLiteral("two")));
+    QCOMPARE(status(id), 3);
 }
 
 QTEST_GUILESS_MAIN(TestForwarders)

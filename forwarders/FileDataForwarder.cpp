@@ -1,0 +1,59 @@
+#include "forwarders/FileDataForwarder.h"
+
+#include "protocol/Frame.h"
+
+#include <QDebug>
+#include <QTextStream>
+
+FileDataForwarder::FileDataForwarder(QObject *parent, int id) : DataForwarder(parent, id)
+{
+    setStatus(DataForwarderConfig::Idle);
+    m_file.reset(new QFile(configuration().target));
+    if (m_file->open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Unbuffered)) {
+        setStatus(DataForwarderConfig::Working);
+        return;
+    }
+    setStatus(DataForwarderConfig::Failed);
+    qInfo() << "erreur lors de l'ouverture du fichier de logs";
+}
+
+void FileDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
+{
+    writeLine("READ: ", resp->data());
+}
+
+void FileDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
+{
+    writeLine("WRITE: ", command->commandText().toUtf8());
+}
+
+void FileDataForwarder::writeLine(const char *prefix, const QByteArray &line)
+{
+    // A file that could not be opened swallows its lines and counts as working all the same, on purpose.
+    const qint64 start = m_file->pos();
+    const bool failed = m_file->isOpen() && !appendLine(prefix, line);
+    if (failed && !m_writeFailed)
+        qInfo() << "Cannot write to" << m_file->fileName() << ":" << m_file->errorString();
+    if (failed)
+        cutBackTo(start);
+    m_writeFailed = failed;
+    setStatus(failed ? DataForwarderConfig::Failed : DataForwarderConfig::Working);
+}
+
+bool FileDataForwarder::appendLine(const char *prefix, const QByteArray &line)
+{
+    QTextStream stream(m_file.data());
+    stream.setCodec("UTF-8");
+    stream << prefix << Frame::wrapped(line) << "\n";
+    stream.flush();
+    return stream.status() == QTextStream::Ok;
+}
+
+void FileDataForwarder::cutBackTo(qint64 size)
+{
+    // A full disk may have taken part of a line: the next one must not be glued to it.
+    if (m_file->isSequential())
+        return;
+    m_file->resize(size);
+    m_file->seek(size);
+}

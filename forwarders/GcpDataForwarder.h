@@ -1,0 +1,64 @@
+#pragma once
+
+#include "forwarders/DataForwarder.h"
+
+#include <QList>
+#include <QNetworkAccessManager>
+#include <QNetworkRequest>
+#include <QUrl>
+
+class QDateTime;
+class QNetworkReply;
+
+/// The "GCP" output: every frame and command as one message of a Google Cloud Pub/Sub topic, published over
+/// its REST interface (projects.topics.publish) with the access token of a service account. What comes while
+/// no token is held is kept in memory and published after the next live message that is accepted.
+class GcpDataForwarder : public DataForwarder
+{
+    Q_OBJECT
+
+public:
+    GcpDataForwarder(QObject *parent, int id);
+    ~GcpDataForwarder() override;
+
+public slots:
+    void forward(QSharedPointer<IcomCommandResponse> resp) override;
+    void forwardSent(QSharedPointer<IcomCommand> command) override;
+
+private slots:
+    void forwardStoredMessages();
+    void replyFinished(QNetworkReply *reply);
+    void reconnect();
+    void abortReconnect();
+
+private:
+    using Radio = QSharedPointer<RadioAdapterConfig>;
+
+    enum TokenState {
+        NoToken = 0,
+        Ready = 1,
+        RequestFailed = 2,
+    };
+
+    void requestToken(const QString &tokenUri, const QByteArray &assertion);
+    void takeToken(const QByteArray &answer);
+    void handleRefusal(int code, const QString &reason);
+    void logPostponed(int waiting);
+    void publish(const RadioAdapterConfig &radio, const QSharedPointer<IcomCommandResponse> &resp);
+    void publish(const RadioAdapterConfig &radio, const QSharedPointer<IcomCommand> &command);
+    void publish(const RadioAdapterConfig &radio, const char *direction, const QString &rawData,
+        const QDateTime &timestamp);
+
+    QString m_projectId;
+    QString m_topic;
+    QUrl m_endpoint;
+    QByteArray m_bearerToken;
+    bool m_reconnecting = false;
+    const int m_tokenLifetime = 1800; // s
+    QScopedPointer<QNetworkAccessManager> m_networkManager;
+    TokenState m_tokenState = NoToken;
+    QList<QSharedPointer<IcomCommandResponse>> m_postponedFrames;
+    QList<Radio> m_radiosOfPostponedFrames;
+    QList<QSharedPointer<IcomCommand>> m_postponedCommands;
+    QList<Radio> m_radiosOfPostponedCommands;
+};
