@@ -1,8 +1,11 @@
+#include "tools/radiosim/RadioScript.h"
 #include "tools/radiosim/SimulatedRadio.h"
+#include "tools/radiosim/TrafficGenerator.h"
 
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
+#include <QProcess>
 #include <QSerialPort>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -11,6 +14,8 @@
 #include <memory>
 
 namespace {
+
+const QString radiosim = QStringLiteral(QUILLON_BIN_DIR "/quillon-radiosim");
 
 QByteArray frame(const QByteArray &line)
 {
@@ -53,6 +58,13 @@ private slots:
     void link();
     void slowReader();
     void lineRate();
+    void traffic();
+    void scriptErrors_data();
+    void scriptErrors();
+    void script();
+    void badInput_data();
+    void badInput();
+    void program();
 };
 
 void TestRadiosim::answers_data()
@@ -211,7 +223,7 @@ void TestRadiosim::slowReader()
     QByteArray kept;
     for (int number = 0; radio.hear(QByteArray::number(number)); ++number)
         kept += frame(QByteArray::number(number));
-    QVERIFY(kept.size() > 1024 * 1024);
+    QVERIFY(kept.size() > 256 * 1024);
     port->setReadBufferSize(0);
     QVERIFY(readLike(kept, *port) == kept);
     QVERIFY(radio.hear("room again"));
@@ -232,6 +244,148 @@ void TestRadiosim::lineRate()
     QTRY_COMPARE(port->bytesAvailable(), 480);
     QVERIFY2(clock.elapsed() >= 490, qPrintable(QString::number(clock.elapsed())));
     QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+}
+
+void TestRadiosim::traffic()
+{
+    TrafficGenerator traffic(800); // more than one for each tick of its timer
+    QByteArrayList lines;
+    connect(&traffic, &TrafficGenerator::lineReady, &traffic, [&](const QByteArray &line) {
+        lines.append(line);
+        if (lines.size() == 100)
+            traffic.stop();
+    });
+    traffic.start();
+    QElapsedTimer clock;
+    clock.start();
+    QTRY_COMPARE(lines.size(), 100);
+    QVERIFY2(clock.elapsed() >= 115 && clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+    QTest::qWait(20);
+    for (int i = 0; i < 100; ++i)
+        QCOMPARE(TrafficGenerator::numberIn("radio;" + lines.value(i) + ";"), i + 1);
+    QCOMPARE(lines.size(), 100);
+    for (const char *kind :
+        {"RXVCALL,", "RXSTAT,", "TXT,\"", "GPS,\"", "RXCODE,", "BATVST,L1,", "RFPWRST,ON,"})
+        QVERIFY2(lines.join('\n').contains(kind), kind);
+    QCOMPARE(TrafficGenerator::numberIn(TrafficGenerator::line(12345678)), 12345678);
+    QCOMPARE(TrafficGenerator::numberIn("*NTF,INFO,ESN,28940001,N12"), -1);
+}
+
+void TestRadiosim::scriptErrors_data()
+{
+    QTest::addColumn<QByteArray>("content");
+    QTest::addColumn<QString>("error");
+    QTest::newRow("no number") << QByteArray("# 1\n\n10 A\nsoon B") << "file:4: 'soon' is not a delay";
+    QTest::newRow("below zero") << QByteArray("-1 A") << "file:1: '-1' is not a delay";
+    QTest::newRow("no text") << QByteArray("10 \r\n") << "file:1: no text";
+    QTest::newRow("unknown escape") << QByteArray("10 A\\q") << "file:1: unknown escape '\\q'";
+    QTest::newRow("half an escape") << QByteArray("10 A\\x4") << "file:1: unknown escape '\\x4'";
+    QTest::newRow("no hexadecimal") << QByteArray("10 A\\x+4") << "file:1: unknown escape '\\x+4'";
+    QTest::newRow("lone backslash") << QByteArray("10 !\\") << "file:1: unknown escape '\\'";
+}
+
+void TestRadiosim::scriptErrors()
+{
+    QFETCH(QByteArray, content);
+    QFETCH(QString, error);
+    RadioScript script;
+    QVERIFY(!script.parse(content, QStringLiteral("file")));
+    QVERIFY2(script.errorString().startsWith(error), qPrintable(script.errorString()));
+    QVERIFY(script.steps().isEmpty());
+}
+
+void TestRadiosim::script()
+{
+    SimulatedRadio radio({});
+    QVERIFY(radio.plugIn());
+    const auto port = openPort(radio, 19200);
+    RadioScript script;
+    QVERIFY(script.parse(
+        "  # what it hears\n\n0 \\x41 b\\\\ # no comment\r\n100\t!\\x02half\n 100  !\\0\\t\\n\\r\\x03\n",
+        QStringLiteral("file")));
+    connect(&script, &RadioScript::due, &radio, &SimulatedRadio::send);
+    script.start();
+    const QByteArray firstHalf = frame("A b\\ # no comment") + "\x02half";
+    QCOMPARE(readLike(firstHalf, *port), firstHalf);
+    const QByteArray secondHalf("\0\t\n\r\x03", 5);
+    QCOMPARE(readLike(secondHalf, *port), secondHalf);
+}
+
+void TestRadiosim::badInput_data()
+{
+    QTest::addColumn<QString>("arguments");
+    QTest::addColumn<QString>("error");
+    const auto row = [](const char *arguments, const char *error) {
+        QTest::newRow(arguments) << QString::fromLatin1(arguments) << QString::fromLatin1(error);
+    };
+    row("--baud fast", "--baud: 'fast' is none of 300,");
+    row("--baud 19201", "--baud: '19201' is none of 300,");
+    row("--count 0", "--count: '0' is not a number from 1");
+    row("--esn 28A", "--esn: '28A' is not a number");
+    row("--traffic nan", "--traffic: 'nan' is not a number above 0");
+    row("--script /no/such", "/no/such: No such file");
+    row("--link /no/such", "link /no/such: No such file");
+    row("--link /dev/null", "/dev/null exists and is not a symbolic link");
+    row("--fast", "Unknown option 'fast'");
+    row("radio", "unexpected argument 'radio'");
+}
+
+void TestRadiosim::badInput()
+{
+    QFETCH(QString, arguments);
+    QFETCH(QString, error);
+    QProcess process;
+    process.start(radiosim, arguments.split(QLatin1Char(' ')));
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), 2);
+    const QString printed = QString::fromUtf8(process.readAllStandardError());
+    QVERIFY2(printed.startsWith(QStringLiteral("quillon-radiosim: ") + error), qPrintable(printed));
+    QCOMPARE(printed.count(QLatin1Char('\n')), 1);
+}
+
+void TestRadiosim::program()
+{
+    const QTemporaryDir folder;
+    const auto link = [&folder](int radio) { return folder.filePath(QStringLiteral("r%1").arg(radio)); };
+    QProcess process;
+    QString printed;
+    const auto prints = [&](const QString &text) {
+        return QTest::qWaitFor([&] {
+            printed += QString::fromUtf8(process.readAllStandardOutput());
+            return printed.contains(text);
+        });
+    };
+    const auto command = [&](const QByteArray &line, const char *reply) {
+        printed.clear();
+        process.write(line + '\n');
+        return prints(QString::fromLatin1(reply));
+    };
+    process.start(radiosim,
+        {QStringLiteral("--control"), QStringLiteral("--count"), QStringLiteral("2"),
+            QStringLiteral("--link"), folder.filePath(QStringLiteral("r%1")), QStringLiteral("--esn"),
+            QStringLiteral("0099")});
+    QVERIFY(prints(QStringLiteral("ESN 0100\n")));
+    QVERIFY(printed.contains(QStringLiteral("radio 2: %1 (link %2), 19200 bit/s, ESN 0100\n")
+                                 .arg(QFile::symLinkTarget(link(2)), link(2))));
+    QVERIFY(command("baud 4800 2", "radio 2: 4800 bit/s\nok\n"));
+    QSerialPort port(QFile::symLinkTarget(link(2)));
+    port.setBaudRate(4800);
+    QVERIFY(port.open(QIODevice::ReadWrite));
+    port.write(frame("*SET,UI,TEXT,HI"));
+    QVERIFY(prints(QStringLiteral("radio 2: received *SET,UI,TEXT,HI\nradio 2: display [HI]\n")));
+    QVERIFY(command("hear:2 call", "ok\n") && command("raw:2 \\x02\\0", "ok\n"));
+    const QByteArray heard = frame("call") + QByteArray("\x02\0", 2);
+    QCOMPARE(readLike(heard, port), heard);
+    QVERIFY(command("hear call", "error: lost at radio 1\n"));
+    QVERIFY(command("unplug 1", "radio 1: unplugged\nok\n"));
+    QVERIFY(!QFileInfo(link(1)).isSymLink() && QFileInfo(link(2)).isSymLink());
+    QVERIFY(command("plug", "ok\n") && QFileInfo(link(1)).isSymLink());
+    QVERIFY(command("baud 1", "error: unknown speed '1'\n") && command("plug 3", "error: no radio '3'\n"));
+    QVERIFY(command("jump", "error: unknown command 'jump'\n"));
+    process.terminate();
+    QVERIFY(process.waitForFinished());
+    QCOMPARE(process.exitCode(), 0);
+    QVERIFY(!QFileInfo(link(1)).isSymLink() && !QFileInfo(link(2)).isSymLink());
 }
 
 QTEST_GUILESS_MAIN(TestRadiosim)

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char stx = '\x02';
 constexpr char etx = '\x03';
-constexpr int maxOutgoing = 1024 * 1024; // bytes
+constexpr int maxOutgoing = 256 * 1024; // bytes
 constexpr int maxIncoming = 64 * 1024; // bytes
 constexpr int listenerIntervalMs = 20;
 constexpr int transmitIntervalMs = 5;

@@ -64,7 +64,7 @@ public:
     int lineSpeed() const;
 
     /// Passes on one line heard over the air, as 0x02 line 0x03. False when it is lost: nobody has the device
-    /// open, or a slow reader has left 1 MiB behind.
+    /// open, or a slow reader has left 256 KiB behind.
     bool hear(const QByteArray &line);
     /// Like hear(), with the bytes as they are: half a frame, noise, several frames.
     bool send(const QByteArray &rawBytes);
