@@ -34,6 +34,7 @@ void handleLogMessage(QtMsgType type, const QMessageLogContext &, const QString 
             continue;
         std::fprintf(stderr, level.stderrFormat, text.constData());
         syslog(level.syslogPriority, level.syslogFormat, text.constData());
+        break;
     }
     if (type == QtFatalMsg)
         std::abort();

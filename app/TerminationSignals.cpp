@@ -4,6 +4,7 @@
 #include <QSocketNotifier>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -15,8 +16,10 @@ int eventDescriptor = -1;
 
 void wakeEventLoop(int)
 {
+    const int savedErrno = errno;
     const quint64 one = 1;
     [[maybe_unused]] const ssize_t written = ::write(eventDescriptor, &one, sizeof one);
+    errno = savedErrno;
 }
 
 void handleTerminationWith(void (*handler)(int))
@@ -40,7 +43,7 @@ TerminationSignals::TerminationSignals(QObject *parent) : QObject(parent)
 
 TerminationSignals::~TerminationSignals()
 {
-    handleTerminationWith(SIG_DFL);
+    handleTerminationWith(SIG_IGN); // the process is about to end; a second signal must not change its code
     ::close(eventDescriptor);
     eventDescriptor = -1;
 }

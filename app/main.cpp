@@ -1,4 +1,5 @@
 #include "app/LogHandler.h"
+#include "app/SupervisionManager.h"
 #include "app/TerminationSignals.h"
 #include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
@@ -8,6 +9,8 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDebug>
+
+#include <csignal>
 
 static void readCommandLine(const QCoreApplication &application)
 {
@@ -34,6 +37,7 @@ static void readCommandLine(const QCoreApplication &application)
 int main(int argc, char *argv[])
 {
     qInstallMessageHandler(handleLogMessage);
+    std::signal(SIGPIPE, SIG_IGN); // an output whose reader has gone is an error of that output, not the end
     QCoreApplication application(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Ostra Relief"));
     QCoreApplication::setApplicationName(QStringLiteral("Quillon"));
@@ -45,8 +49,9 @@ int main(int argc, char *argv[])
     if (autoKill.toUpper() == QLatin1String("TRUE"))
         AutoKill::getInstance()->start();
 
-    SerialDiscoverer discoverer;
-    discoverer.initForwarders();
+    const auto discoverer = QSharedPointer<SerialDiscoverer>::create();
+    discoverer->initForwarders();
+    const SupervisionManager supervisionManager(nullptr, discoverer); // goes first, the discoverer after it
 
     return QCoreApplication::exec();
 }

@@ -43,6 +43,7 @@ AutoKill::AutoKill(QObject *parent)
 
 void AutoKill::start()
 {
+    m_refreshTimer.stop();
     delete m_networkManager;
     m_networkManager = nullptr;
     ConfigDatabase *database = ConfigDatabase::getInstance();
@@ -71,7 +72,7 @@ bool AutoKill::readServiceAddress()
         m_serviceAddress = defaultServiceAddress;
     if (isServiceAddress(QUrl(m_serviceAddress, QUrl::StrictMode)))
         return true;
-    qInfo() << "AutoKill : autokill_url is no https address, nothing is sent : " << m_serviceAddress;
+    qInfo() << "AutoKill : autokill_url is no https address, nothing is sent.";
     return false;
 }
 

@@ -64,6 +64,16 @@ bool lookUpKey(QSqlQuery &query, const QString &key)
     return checkStatement(executePrepared(query), checkDatabaseReleaseSignature, query);
 }
 
+/// Whether a statement failed because another program held the file for longer than the driver waits.
+bool isLocked(const QSqlQuery &query)
+{
+    constexpr int primaryCode = 0xff; // SQLite's extended result codes hold the primary one in their low byte
+    constexpr int busy = 5;
+    constexpr int locked = 6;
+    const int code = query.lastError().nativeErrorCode().toInt() & primaryCode;
+    return code == busy || code == locked;
+}
+
 bool execute(QSqlQuery &query, const QString &statement)
 {
     query.clear();
@@ -103,10 +113,10 @@ void ConfigDatabase::initUartBlacklist()
     createTable(QStringLiteral("CREATE TABLE port_blacklist(ids integer primary key, port text);"),
         initUartBlacklistSignature);
     QSqlQuery query;
-    query.prepare(QStringLiteral("INSERT INTO port_blacklist (port) VALUES (:port)"));
+    const bool prepared = query.prepare(QStringLiteral("INSERT INTO port_blacklist (port) VALUES (:port)"));
     for (const QString &port : defaultBlacklist) {
         query.bindValue(QStringLiteral(":port"), port);
-        checkStatement(query.exec(), initUartBlacklistSignature, query);
+        checkStatement(prepared && query.exec(), initUartBlacklistSignature, query);
     }
 }
 
@@ -116,11 +126,11 @@ void ConfigDatabase::initSystemConfiguration()
         QStringLiteral("CREATE TABLE system_configuration(ids integer primary key, name text, value text);"),
         initSystemConfigurationSignature);
     QSqlQuery query;
-    query.prepare(insertKeyStatement);
+    const bool prepared = query.prepare(insertKeyStatement);
     for (const SystemKey &key : defaultKeys) {
         query.bindValue(QStringLiteral(":name"), key.name);
         query.bindValue(QStringLiteral(":value"), key.value);
-        checkStatement(query.exec(), initSystemConfigurationSignature, query);
+        checkStatement(prepared && query.exec(), initSystemConfigurationSignature, query);
     }
 }
 
@@ -165,7 +175,9 @@ void ConfigDatabase::checkDatabaseRelease()
 {
     QSqlQuery query;
     QString release = UNDEFINED_VALUE;
-    if (lookUpKey(query, BDD_RELEASE_KEY) && query.next())
+    if (!lookUpKey(query, BDD_RELEASE_KEY) && isLocked(query))
+        return; // the release is not known: migrating a current file would cost its outputs
+    if (query.next())
         release = query.value(QStringLiteral("value")).toString();
     if (release == BDD_RELEASE_VALUE)
         return;

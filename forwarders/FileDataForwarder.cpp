@@ -8,8 +8,9 @@
 FileDataForwarder::FileDataForwarder(QObject *parent, int id) : DataForwarder(parent, id)
 {
     setStatus(DataForwarderConfig::Idle);
-    m_file.reset(new QFile(configuration().target));
-    if (m_file->open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Unbuffered)) {
+    const QString target = configuration().target;
+    m_file.reset(new QFile(target));
+    if (!target.isEmpty() && m_file->open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Unbuffered)) {
         setStatus(DataForwarderConfig::Working);
         return;
     }
@@ -33,11 +34,19 @@ void FileDataForwarder::writeLine(const char *prefix, const QByteArray &line)
     const qint64 start = m_file->pos();
     const bool failed = m_file->isOpen() && !appendLine(prefix, line);
     if (failed && !m_writeFailed)
-        qInfo() << "Cannot write to" << m_file->fileName() << ":" << m_file->errorString();
+        logFailedWrite();
     if (failed)
         cutBackTo(start);
     m_writeFailed = failed;
     setStatus(failed ? DataForwarderConfig::Failed : DataForwarderConfig::Working);
+}
+
+void FileDataForwarder::logFailedWrite() const
+{
+    // A disk that took only the beginning of the line reports no error of its own.
+    const bool hasReason = m_file->error() != QFileDevice::NoError;
+    qInfo() << "Cannot write to" << m_file->fileName() << ":"
+            << (hasReason ? m_file->errorString() : QStringLiteral("the line was taken only in part"));
 }
 
 bool FileDataForwarder::appendLine(const char *prefix, const QByteArray &line)

@@ -20,6 +20,7 @@ public slots:
 private:
     void writeLine(const char *prefix, const QByteArray &line);
     bool appendLine(const char *prefix, const QByteArray &line);
+    void logFailedWrite() const;
     void cutBackTo(qint64 size);
 
     QScopedPointer<QFile> m_file;

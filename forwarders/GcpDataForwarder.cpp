@@ -5,7 +5,6 @@
 #include "forwarders/RadioModels.h"
 #include "forwarders/ServiceAccount.h"
 
-#include <QDateTime>
 #include <QDebug>
 #include <QHostInfo>
 #include <QJsonDocument>
@@ -21,6 +20,7 @@ constexpr int firstRequestDelay = 1000;
 constexpr int requestPeriod = 10000;
 constexpr int retryDelay = 5000;
 constexpr int flushDelay = 1000;
+constexpr int publishTimeout = 120000; // with time for a long list of postponed messages
 
 const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
 const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");
@@ -34,9 +34,10 @@ QUrl endpointOf(const QString &target)
     return QUrl(isUrl ? target : publishedEndpoint);
 }
 
-QNetworkRequest requestTo(const QUrl &url, const QString &contentType)
+QNetworkRequest requestTo(const QUrl &url, const QString &contentType, int timeout)
 {
     QNetworkRequest request(url);
+    request.setTransferTimeout(timeout); // a server that says nothing counts as one that cannot be reached
     request.setHeader(QNetworkRequest::ContentTypeHeader, contentType);
     QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
     tls.setProtocol(QSsl::TlsV1_3OrLater);
@@ -62,7 +63,8 @@ GcpDataForwarder::~GcpDataForwarder()
 
 void GcpDataForwarder::reconnect()
 {
-    if (m_reconnecting)
+    // Every postponed message asks for a token; one that is held is not renewed ahead of its expiry.
+    if (m_reconnecting || m_tokenState == Ready)
         return;
     m_reconnecting = true;
     QTimer::singleShot(requestPeriod, this, &GcpDataForwarder::abortReconnect);
@@ -89,7 +91,8 @@ void GcpDataForwarder::abortReconnect()
 
 void GcpDataForwarder::requestToken(const QString &tokenUri, const QByteArray &assertion)
 {
-    m_networkManager->post(requestTo(QUrl(tokenUri), QStringLiteral("application/x-www-form-urlencoded")),
+    m_networkManager->post(
+        requestTo(QUrl(tokenUri), QStringLiteral("application/x-www-form-urlencoded"), requestPeriod),
         "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion);
 }
 
@@ -132,31 +135,27 @@ void GcpDataForwarder::handleRefusal(int code, const QString &reason)
 
 void GcpDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
 {
-    const Radio radio = senderConfig();
-    if (m_tokenState == Ready) {
-        publish(*radio, resp);
-        return;
-    }
-    logPostponed(m_postponedFrames.size());
-    m_postponedFrames.append(resp);
-    m_radiosOfPostponedFrames.append(radio);
+    const QByteArray frame = resp->data();
+    const QString text = QString::fromUtf8(frame.constData(), frame.size()); // with its NUL bytes
+    publishOrPostpone({senderConfig(), QStringLiteral("RX"), text, resp->timestamp()}, &m_postponedFrames);
 }
 
 void GcpDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
 {
-    const Radio radio = senderConfig();
-    if (m_tokenState == Ready) {
-        publish(*radio, command);
-        return;
-    }
-    logPostponed(m_postponedCommands.size());
-    m_postponedCommands.append(command);
-    m_radiosOfPostponedCommands.append(radio);
+    // The text is taken now, as it is sent: a display text moves on when it is executed.
+    publishOrPostpone({senderConfig(), QStringLiteral("TX"), command->commandText(), command->timestamp()},
+        &m_postponedCommands);
 }
 
-void GcpDataForwarder::logPostponed(int waiting)
+void GcpDataForwarder::publishOrPostpone(const Message &message, QList<Message> *postponed)
 {
-    qInfo() << "forwarder id=" << id() << " postponed frame : forwarder is not ready (" << waiting << ")";
+    if (m_tokenState == Ready) {
+        publish(message);
+        return;
+    }
+    qInfo() << "forwarder id=" << id() << " postponed frame : forwarder is not ready (" << postponed->size()
+            << ")";
+    postponed->append(message);
     QTimer::singleShot(retryDelay, this, &GcpDataForwarder::reconnect);
 }
 
@@ -165,45 +164,32 @@ void GcpDataForwarder::forwardStoredMessages()
     if (m_tokenState != Ready)
         return; // the token was lost meanwhile: they go with the next one
     while (!m_postponedFrames.isEmpty())
-        publish(*m_radiosOfPostponedFrames.takeFirst(), m_postponedFrames.takeFirst());
+        publish(m_postponedFrames.takeFirst());
     while (!m_postponedCommands.isEmpty())
-        publish(*m_radiosOfPostponedCommands.takeFirst(), m_postponedCommands.takeFirst());
+        publish(m_postponedCommands.takeFirst());
 }
 
-void GcpDataForwarder::publish(
-    const RadioAdapterConfig &radio, const QSharedPointer<IcomCommandResponse> &resp)
-{
-    const QByteArray frame = resp->data();
-    publish(radio, "RX", QString::fromUtf8(frame.constData(), frame.size()), resp->timestamp());
-}
-
-void GcpDataForwarder::publish(const RadioAdapterConfig &radio, const QSharedPointer<IcomCommand> &command)
-{
-    publish(radio, "TX", command->commandText(), command->timestamp());
-}
-
-void GcpDataForwarder::publish(const RadioAdapterConfig &radio, const char *direction, const QString &rawData,
-    const QDateTime &timestamp)
+void GcpDataForwarder::publish(const Message &message)
 {
     ConfigDatabase *database = ConfigDatabase::getInstance();
-    const QVariantMap message{
-        {QStringLiteral("port"), radio.port},
-        {QStringLiteral("portDesc"), radio.name},
-        {QStringLiteral("radioBand"), getRadioBand(radio.esn)},
-        {QStringLiteral("radioModel"), getRadioModel(radio.esn)},
-        {QStringLiteral("trx"), QLatin1String(direction)},
-        {QStringLiteral("rawData"), rawData},
-        {QStringLiteral("transmissionDate"), timestamp},
+    const QVariantMap fields{
+        {QStringLiteral("port"), message.radio->port},
+        {QStringLiteral("portDesc"), message.radio->name},
+        {QStringLiteral("radioBand"), getRadioBand(message.radio->esn)},
+        {QStringLiteral("radioModel"), getRadioModel(message.radio->esn)},
+        {QStringLiteral("trx"), message.direction},
+        {QStringLiteral("rawData"), message.rawData},
+        {QStringLiteral("transmissionDate"), message.timestamp},
         {QStringLiteral("source"), QHostInfo::localHostName()},
         {QStringLiteral("owner_email"), database->getSystemConfigurationValue(OWNER_EMAIL_KEY)},
         {QStringLiteral("owner_dept"), database->getSystemConfigurationValue(OWNER_DEPT_KEY)},
     };
     const QByteArray data = ServiceAccount::toBase64Url(
-        QJsonDocument(QJsonObject::fromVariantMap(message)).toJson(QJsonDocument::Compact));
+        QJsonDocument(QJsonObject::fromVariantMap(fields)).toJson(QJsonDocument::Compact));
 
     QUrl url = m_endpoint;
     url.setPath(publishPath.arg(m_projectId, m_topic));
-    QNetworkRequest request = requestTo(url, QStringLiteral("application/json"));
+    QNetworkRequest request = requestTo(url, QStringLiteral("application/json"), publishTimeout);
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);
     // Single quotes as they are, on purpose.
     m_networkManager->post(request, "{'messages':[{'data':'" + data + "'}]}");

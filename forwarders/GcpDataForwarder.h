@@ -2,12 +2,11 @@
 
 #include "forwarders/DataForwarder.h"
 
+#include <QDateTime>
 #include <QList>
 #include <QNetworkAccessManager>
-#include <QNetworkRequest>
 #include <QUrl>
 
-class QDateTime;
 class QNetworkReply;
 
 /// The "GCP" output: every frame and command as one message of a Google Cloud Pub/Sub topic, published over
@@ -32,7 +31,14 @@ private slots:
     void abortReconnect();
 
 private:
-    using Radio = QSharedPointer<RadioAdapterConfig>;
+    /// One frame or command on its way to the topic.
+    struct Message
+    {
+        QSharedPointer<RadioAdapterConfig> radio;
+        QString direction; ///< "RX" or "TX"
+        QString rawData;
+        QDateTime timestamp;
+    };
 
     enum TokenState {
         NoToken = 0,
@@ -43,11 +49,8 @@ private:
     void requestToken(const QString &tokenUri, const QByteArray &assertion);
     void takeToken(const QByteArray &answer);
     void handleRefusal(int code, const QString &reason);
-    void logPostponed(int waiting);
-    void publish(const RadioAdapterConfig &radio, const QSharedPointer<IcomCommandResponse> &resp);
-    void publish(const RadioAdapterConfig &radio, const QSharedPointer<IcomCommand> &command);
-    void publish(const RadioAdapterConfig &radio, const char *direction, const QString &rawData,
-        const QDateTime &timestamp);
+    void publishOrPostpone(const Message &message, QList<Message> *postponed);
+    void publish(const Message &message);
 
     QString m_projectId;
     QString m_topic;
@@ -57,8 +60,6 @@ private:
     const int m_tokenLifetime = 1800; // s
     QScopedPointer<QNetworkAccessManager> m_networkManager;
     TokenState m_tokenState = NoToken;
-    QList<QSharedPointer<IcomCommandResponse>> m_postponedFrames;
-    QList<Radio> m_radiosOfPostponedFrames;
-    QList<QSharedPointer<IcomCommand>> m_postponedCommands;
-    QList<Radio> m_radiosOfPostponedCommands;
+    QList<Message> m_postponedFrames;
+    QList<Message> m_postponedCommands;
 };

@@ -6,6 +6,7 @@
 #include <memory>
 #include <openssl/bio.h>
 #include <openssl/crypto.h>
+#include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 
@@ -39,10 +40,18 @@ void wipe(QByteArray &bytes)
     OPENSSL_cleanse(bytes.data(), size_t(bytes.size()));
 }
 
+void wipe(QString &text)
+{
+    OPENSSL_cleanse(text.data(), size_t(text.size()) * sizeof(QChar));
+}
+
 Key parsedKey(const QByteArray &pem)
 {
     const Bio bio(BIO_new_mem_buf(pem.constData(), pem.size()));
-    return Key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassphrase, nullptr) : nullptr);
+    Key key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassphrase, nullptr) : nullptr);
+    if (!key)
+        ERR_clear_error(); // the queue is shared with the TLS of this thread
+    return key;
 }
 
 /// RSASSA-PKCS1-v1_5 with SHA-256; empty on failure.
@@ -70,7 +79,9 @@ QByteArray compactJson(const QVariantMap &map)
 
 ServiceAccount::ServiceAccount(const QString &secret)
 {
-    auto decoded = QByteArray::fromBase64Encoding(secret.toUtf8(), QByteArray::AbortOnBase64DecodingErrors);
+    QByteArray base64 = secret.toUtf8().simplified().replace(' ', QByteArray()); // it may come in lines
+    auto decoded = QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors);
+    wipe(base64);
     if (!decoded)
         return;
     QByteArray text = std::move(decoded.decoded);
@@ -79,7 +90,9 @@ ServiceAccount::ServiceAccount(const QString &secret)
             .object();
     m_projectId = document.value(QLatin1String("project_id")).toString();
     m_privateKeyId = document.value(QLatin1String("private_key_id")).toString();
-    m_privateKey = document.value(QLatin1String("private_key")).toString().toUtf8();
+    QString privateKey = document.value(QLatin1String("private_key")).toString();
+    m_privateKey = privateKey.toUtf8();
+    wipe(privateKey);
     m_clientEmail = document.value(QLatin1String("client_email")).toString();
     m_tokenUri = document.value(QLatin1String("token_uri")).toString();
     wipe(text);

@@ -19,7 +19,7 @@ public:
     QString tokenUri() const { return m_tokenUri; }
 
     /// A JWT bearer assertion (RFC 7523) signed with RS256 (RFC 7515), valid from `issuedAt`, in seconds
-    /// since 1970 UTC, for `lifetime` seconds; empty when the private key cannot be parsed.
+    /// since 1970 UTC, for `lifetime` seconds; empty when the private key cannot be parsed or is no RSA key.
     QByteArray signedAssertion(qint64 issuedAt, int lifetime) const;
 
     /// Base64 in the URL-safe alphabet without padding (RFC 7515, section 2).

@@ -9,6 +9,12 @@ constexpr int reconnectDelay = 2000;
 constexpr int connectTimeout = 15000;
 constexpr int writeTimeout = 30000;
 
+/// A configured port beyond the range must not end up at another service.
+quint16 tcpPort(int configured)
+{
+    return configured >= 0 && configured <= 65535 ? quint16(configured) : 0;
+}
+
 } // namespace
 
 TcpDataForwarder::TcpDataForwarder(QObject *parent, int id) : DataForwarder(parent, id)
@@ -22,6 +28,8 @@ TcpDataForwarder::TcpDataForwarder(QObject *parent, int id) : DataForwarder(pare
     connect(&m_reconnectTimer, &QTimer::timeout, this, &TcpDataForwarder::reconnect);
     connect(&m_socket, &QTcpSocket::errorOccurred, this, &TcpDataForwarder::error);
     connect(&m_socket, &QTcpSocket::connected, this, &TcpDataForwarder::connected);
+    // What the server says is of no interest, but it must not pile up.
+    connect(&m_socket, &QTcpSocket::readyRead, this, [this] { m_socket.skip(m_socket.bytesAvailable()); });
     m_reconnectTimer.start();
 }
 
@@ -29,7 +37,7 @@ void TcpDataForwarder::reconnect()
 {
     if (m_connected)
         return;
-    m_socket.connectToHost(m_target, quint16(m_port));
+    m_socket.connectToHost(m_target, tcpPort(m_port));
     if (m_socket.waitForConnected(connectTimeout))
         return;
     qInfo() << "[" << m_target << ":" << m_port << "] " << m_socket.error() << " - "
@@ -63,5 +71,6 @@ void TcpDataForwarder::write(const QByteArray &message)
 
 void TcpDataForwarder::waitUntilWritten()
 {
-    m_socket.waitForBytesWritten(writeTimeout);
+    if (m_connected) // the write may have broken the connection
+        m_socket.waitForBytesWritten(writeTimeout);
 }

@@ -40,6 +40,8 @@ bool MyQSerialPort::tryNextBaudRate()
         return false;
     if (isOpen()) {
         flush();
+        if (!isOpen())
+            return false; // the flush has failed, and whoever heard of it has given the port up
         close();
     }
     setBaudRate(m_candidateBaudRates.first());

@@ -101,7 +101,7 @@ void SerialAdapter::handlePortError(QSerialPort::SerialPortError error)
         || error == QSerialPort::ResourceError;
     if (!isGone || !m_port || !m_port->isOpen())
         return;
-    qInfo() << "Port" << m_config->port << "is gone :" << m_port->errorString();
+    qInfo() << "Port" << m_config->port << "is gone :" << error;
     stop();
 }
 
@@ -120,6 +120,8 @@ void SerialAdapter::stop()
 
 void SerialAdapter::enqueueCommand(QSharedPointer<IcomCommand> command)
 {
+    if (!m_config->tx_enabled)
+        return; // a radio that is only listened to gets no command: one that waits would claim every frame
     if (command->expectsResponse())
         connect(command.data(), &IcomCommand::commandResponse, this, &SerialAdapter::handleCommandResponse);
     command->setParent(this);
@@ -145,7 +147,8 @@ void SerialAdapter::addDelayedCommand(QSharedPointer<IcomCommand> command, int d
 void SerialAdapter::handleDelayedCommand(int commandId)
 {
     // The command waits for the next opportunity to send.
-    enqueueCommand(m_delayedCommands.take(commandId));
+    if (const QSharedPointer<IcomCommand> command = m_delayedCommands.take(commandId))
+        enqueueCommand(command);
 }
 
 void SerialAdapter::timer_event()
@@ -245,6 +248,8 @@ void SerialAdapter::handleCommandResponse(QSharedPointer<IcomCommandResponse> re
 {
     response->stampNow();
     emit dataReceived(response);
+    if (m_stopped)
+        return;
     response->process();
 
     const int type = response->responseType();
@@ -288,6 +293,8 @@ void SerialAdapter::sendNextCommand()
     if (isAnnounced()) {
         head->stampNow();
         emit dataSent(head);
+        if (m_stopped)
+            return;
     }
     if (!head->execute(m_port)) {
         stop();

@@ -50,6 +50,16 @@ QSharedPointer<DataForwarder> createForwarder(const DataForwarderConfig &config)
     return {};
 }
 
+/// Whether the blacklist names the port, or names its device in another way.
+bool isBlacklisted(const QString &portName)
+{
+    const QString device = devicePath(portName);
+    const QStringList blacklist = ConfigDatabase::getInstance()->getPortBlacklist();
+    return std::any_of(blacklist.cbegin(), blacklist.cend(), [&](const QString &entry) {
+        return entry == portName || (!device.isEmpty() && devicePath(entry) == device);
+    });
+}
+
 bool isCharacterDevice(const QString &path)
 {
     struct stat status = {};
@@ -112,17 +122,15 @@ QStringList SerialDiscoverer::staticPortNames() const
 
 void SerialDiscoverer::discover()
 {
-    const QStringList enumerated = availablePortNames();
-    for (const QString &portName : enumerated)
-        examinePort(portName);
-    const QStringList named = staticPortNames();
-    for (const QString &portName : named)
+    QStringList portNames = availablePortNames() + staticPortNames();
+    portNames.removeDuplicates(); // a port that cannot be opened is tried once in a scan
+    for (const QString &portName : qAsConst(portNames))
         examinePort(portName);
 }
 
 void SerialDiscoverer::examinePort(const QString &portName)
 {
-    if (ConfigDatabase::getInstance()->getPortBlacklist().contains(portName) || isDriven(portName))
+    if (isBlacklisted(portName) || isDriven(portName))
         return;
     QSharedPointer<RadioAdapterConfig> config = rowOf(portName);
     if (!config)

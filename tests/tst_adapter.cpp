@@ -1,6 +1,5 @@
 #include "config/ConfigDatabase.h"
 #include "protocol/ActionCommands.h"
-#include "protocol/IdentificationCommands.h"
 #include "protocol/Notifications.h"
 #include "serial/SerialAdapter.h"
 #include "support/LogCapture.h"
@@ -98,6 +97,7 @@ private slots:
     void wrongAnswersAreIgnored();
     void displayTextScrollsAndIsCleared();
     void vanishedDeviceStopsOnce();
+    void stopsInsideItsOwnSignals();
     void portThatCannotBeOpened();
     void sharedObjectsOutliveTheAdapter();
 
@@ -229,6 +229,8 @@ void TestAdapter::listensOnly()
 {
     Radio radio;
     ListeningRig rig(radio);
+    rig.adapter.enqueueCommand(
+        QSharedPointer<DisplayTextCommand>::create(nullptr, QStringLiteral("HI"), 5000));
     QTest::qWait(700); // longer than a tick
     QVERIFY(radio.hear("*NTF,INFO,ESN,1"));
     QVERIFY(radio.hear("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
@@ -324,9 +326,7 @@ void TestAdapter::wrongAnswersAreIgnored()
 {
     Radio radio;
     Rig rig(radio.portName());
-    rig.config->tx_enabled = false; // nothing is sent, so that the head stays
-    rig.start();
-    rig.adapter.enqueueCommand(QSharedPointer<RetrieveEsnCommand>::create(nullptr));
+    rig.start(); // the head waits for the first tick
     LogCapture log;
     const auto call = parseNotification(&rig.adapter, "*NTF,DPMR,RXVCALL,1,2,3,4,5");
     QMetaObject::invokeMethod(
@@ -369,6 +369,23 @@ void TestAdapter::vanishedDeviceStopsOnce()
     QCOMPARE(int(rig.config->status), 2);
     QCOMPARE(log.texts(QtInfoMsg).size(), 1);
     QVERIFY(log.texts(QtWarningMsg).isEmpty());
+}
+
+void TestAdapter::stopsInsideItsOwnSignals()
+{
+    m_file.setKey(QStringLiteral("forward_invalid_data"), QStringLiteral("true"));
+    Radio radio;
+    Rig inSent(radio.portName());
+    connect(&inSent.adapter, &SerialAdapter::dataSent, &inSent.adapter, &SerialAdapter::stop);
+    inSent.start();
+    QTRY_COMPARE(inSent.stopped.size(), 1);
+    QVERIFY(radio.received().isEmpty());
+
+    ListeningRig inReceived(radio);
+    connect(&inReceived.adapter, &SerialAdapter::dataReceived, &inReceived.adapter, &SerialAdapter::stop);
+    QVERIFY(QTest::qWaitFor([&] { return radio.send("\x02one\x03\x02two\x03"); }));
+    QTRY_COMPARE(inReceived.stopped.size(), 1);
+    QCOMPARE(inReceived.frames(), QByteArrayList{"one"});
 }
 
 void TestAdapter::portThatCannotBeOpened()

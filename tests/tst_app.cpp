@@ -131,9 +131,12 @@ void TestApp::defaultConfiguration()
     QFETCH(QStringList, arguments);
     QFETCH(QString, line);
     const QTemporaryDir folder(QDir::currentPath() + QStringLiteral("/default-XXXXXX"));
-    Daemon daemon; // its /tmp is a folder of the test's: the default file may be in use on this machine
-    if (!daemon.startInMountNamespace(
-            QStringLiteral("mount --bind '%1' /tmp; exec \"$@\"").arg(folder.path()), arguments))
+    // Its /tmp is a folder of the test's, as the default file may be in use on this machine; the daemon goes
+    // along, in case it was built below /tmp itself.
+    const QString shell =
+        QStringLiteral("cp \"$1\" '%1/quillon'; mount --bind '%1' /tmp; shift; exec /tmp/quillon \"$@\"");
+    Daemon daemon;
+    if (!daemon.startInMountNamespace(shell.arg(folder.path()), arguments))
         QSKIP("mount namespaces are not allowed here");
     QVERIFY(daemon.waitForLog(QStringLiteral("populating fresh data")));
     QVERIFY2(daemon.log().startsWith(line), qPrintable(daemon.log()));

@@ -83,6 +83,7 @@ private slots:
     void deletedFileIsMadeAnew();
     void fileThatIsNoDatabase();
     void failedStatementsNameTheirOperation();
+    void lockedFileIsWaitedFor_data();
     void lockedFileIsWaitedFor();
 };
 
@@ -407,25 +408,39 @@ void TestConfig::failedStatementsNameTheirOperation()
     QVERIFY(log.texts().isEmpty());
 }
 
+void TestConfig::lockedFileIsWaitedFor_data()
+{
+    QTest::addColumn<int>("seconds");
+    QTest::addColumn<int>("failures");
+    QTest::newRow("shorter than the driver waits") << 1 << 0;
+    QTest::newRow("longer: the outputs of a current file are kept") << 7 << 1;
+}
+
 void TestConfig::lockedFileIsWaitedFor()
 {
+    QFETCH(int, seconds);
+    QFETCH(int, failures);
     const TestDatabase file;
-    FreshDatabase database(file.path());
+    FreshDatabase(file.path());
+    file.addForwarder(QStringLiteral("RAW"), QStringLiteral("kept"));
+    file.run(QStringLiteral("UPDATE data_forwarder SET status = 4"));
     QProcess tool;
     tool.start(QStringLiteral("sqlite3"), {file.path()});
     tool.write("BEGIN EXCLUSIVE;\nSELECT 'locked';\n");
     QVERIFY(tool.waitForReadyRead());
-    tool.write(".shell sleep 1\nCOMMIT;\n");
+    tool.write(".shell sleep " + QByteArray::number(seconds) + "\nCOMMIT;\n");
     QVERIFY(tool.waitForBytesWritten());
     tool.closeWriteChannel();
 
     LogCapture log;
     QElapsedTimer clock;
     clock.start();
-    database.updateForwarderStatus(1, DataForwarderConfig::Working);
+    FreshDatabase database(file.path());
     QVERIFY(clock.elapsed() >= 700);
-    QVERIFY(log.texts().isEmpty());
-    QCOMPARE(file.value(QStringLiteral("SELECT status FROM data_forwarder")).toInt(), 3);
+    QCOMPARE(log.texts().size(), failures);
+    QCOMPARE(log.count(QStringLiteral("database is locked")), failures);
+    QCOMPARE(file.value(QStringLiteral("SELECT group_concat(type || status) FROM data_forwarder")).toString(),
+        QStringLiteral("GCP0,RAW0"));
     tool.waitForFinished();
 }
 

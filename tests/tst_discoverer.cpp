@@ -145,6 +145,7 @@ void TestDiscoverer::blacklistedPortsAreNotOpened()
     const SimulatedRadio *radio = plug();
     m_file.run(QStringLiteral("INSERT INTO port_blacklist (port) VALUES (?)"), {radio->portName()});
     addRow(radio->portName(), true, QString(), QStringLiteral("STATIC"));
+    addRow(radio->slavePath(), true, QStringLiteral("alias"), QStringLiteral("STATIC"));
     Discoverer discoverer;
     discoverer.ports = QStringList{radio->portName()};
     discoverer.scan();
@@ -204,6 +205,7 @@ void TestDiscoverer::portThatCannotBeOpenedIsTriedAgain()
     LogCapture log;
     Discoverer discoverer;
     discoverer.ports = QStringList(QStringLiteral("pts/none"));
+    discoverer.ports += discoverer.ports; // as a row that names it once more would have it
     for (int scans = 1; scans <= 3; ++scans) {
         discoverer.scan();
         QCOMPARE(log.count(QStringLiteral("Error ( \"pts/none\" ) : ")), scans);
