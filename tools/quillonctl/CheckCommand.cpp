@@ -1,0 +1,282 @@
+#include "tools/quillonctl/Commands.h"
+
+#include "config/ConfigKeys.h"
+#include "tools/quillonctl/CredentialFile.h"
+#include "tools/quillonctl/InputChecks.h"
+#include "tools/quillonctl/KnownKeys.h"
+#include "tools/quillonctl/Listing.h"
+#include "tools/quillonctl/ServiceUser.h"
+
+#include <QFileInfo>
+#include <QTcpSocket>
+
+#include <memory>
+
+namespace {
+
+const int connectTimeoutMs = 2000;
+
+struct CheckOptions
+{
+    std::string user;
+    bool json = false;
+};
+
+enum Severity {
+    Warning = 1,
+    Error = 2,
+};
+
+/// Reads the whole file, tries what it names and collects what would not work.
+class Check
+{
+public:
+    Check(const ConfigFile &file, const ServiceUser &user) : m_file(file), m_user(user) { }
+
+    void run();
+    QJsonArray findings() const { return m_findings; }
+    /// The severity of the worst finding, 0 when there is none.
+    int worst() const { return m_worst; }
+
+private:
+    void checkFile();
+    void checkRelease();
+    void checkKeys();
+    void checkAutokill();
+    void checkRadios();
+    void checkDevice(const QString &subject, const QSqlRecord &radio);
+    void checkOutput(const QSqlRecord &output);
+    void checkServer(const QString &subject, const QString &host, int port, const QString &remedy);
+    void checkPubSub(const QString &subject, const QSqlRecord &output, const QString &id);
+    void report(Severity severity, const QString &subject, const QString &problem, const QString &remedy);
+
+    const ConfigFile &m_file;
+    const ServiceUser m_user;
+    QJsonArray m_findings;
+    int m_worst = 0;
+};
+
+void Check::run()
+{
+    checkFile();
+    checkRelease();
+    checkKeys();
+    checkAutokill();
+    checkRadios();
+    for (const QSqlRecord &output : m_file.rows(QStringLiteral("data_forwarder"))) {
+        if (output.value(QStringLiteral("enabled")).toBool())
+            checkOutput(output);
+    }
+}
+
+void Check::report(Severity severity, const QString &subject, const QString &problem, const QString &remedy)
+{
+    m_worst = qMax(m_worst, int(severity));
+    m_findings.append(QJsonObject{
+        {QStringLiteral("severity"), severity == Error ? QStringLiteral("error") : QStringLiteral("warning")},
+        {QStringLiteral("subject"), subject},
+        {QStringLiteral("problem"), problem},
+        {QStringLiteral("remedy"), remedy},
+    });
+}
+
+void Check::checkFile()
+{
+    const QString folder = QFileInfo(m_file.path()).absolutePath();
+    if (!m_user.may(ServiceUser::Read | ServiceUser::Write, m_file.path())
+        || !m_user.may(ServiceUser::Write | ServiceUser::Execute, folder))
+        report(Error, QStringLiteral("configuration"),
+            QStringLiteral("the user %1 cannot change the file or its folder").arg(m_user.name()),
+            QStringLiteral("chown %1 %2 %3").arg(m_user.name(), folder, m_file.path()));
+}
+
+void Check::checkRelease()
+{
+    const QString release = systemValue(m_file, BDD_RELEASE_KEY);
+    const QString subject = QStringLiteral("schema release");
+    const QString problem = QStringLiteral("it is %1, and %2 is current").arg(release, BDD_RELEASE_VALUE);
+    if (release == QLatin1String("1.0"))
+        report(Warning, subject, problem,
+            QStringLiteral("the daemon brings the file up to date when it starts"));
+    else if (migrationRemovesOutputs(release))
+        report(Warning, subject, problem,
+            QStringLiteral(
+                "the daemon brings the file up to date when it starts, and removes every output that is "
+                "not GCP: add them again then"));
+    else if (release != BDD_RELEASE_VALUE)
+        report(Error, subject, problem, QStringLiteral("use the version of the daemon that wrote the file"));
+}
+
+void Check::checkKeys()
+{
+    for (const QSqlRecord &record : m_file.rows(QStringLiteral("system_configuration"))) {
+        const QString name = record.value(QStringLiteral("name")).toString();
+        if (!findKnownKey(name))
+            report(Warning, name, QStringLiteral("the key is unknown and read by nothing"),
+                QStringLiteral("look for a misspelling in quillonctl config list"));
+    }
+    for (const KnownKey &key : knownKeys()) {
+        const QString stored = systemValue(m_file, key.name);
+        // The daemon reads this one key in any case of letters.
+        const QString value = key.name == AUTOKILL_ENABLED_KEY ? stored.toLower() : stored;
+        const QString problem = key.kind == KnownKey::ReadOnly ? QString() : valueProblem(key, value);
+        if (!problem.isEmpty())
+            report(
+                Warning, key.name, problem, QStringLiteral("quillonctl config set %1 VALUE").arg(key.name));
+    }
+}
+
+void Check::checkAutokill()
+{
+    if (systemValue(m_file, AUTOKILL_ENABLED_KEY).toLower() != QLatin1String("true"))
+        return;
+    const QString url = systemValue(m_file, AUTOKILL_URL_KEY);
+    if (url == UNDEFINED_VALUE)
+        report(Warning, AUTOKILL_URL_KEY, QStringLiteral("automatic kill is on, and no service is named"),
+            QStringLiteral("quillonctl config set autokill_url https://HOST"));
+    else if (serviceUrlProblem(url, {QStringLiteral("https")}).isEmpty())
+        checkServer(AUTOKILL_URL_KEY, QUrl(url).host(), QUrl(url).port(443),
+            QStringLiteral("quillonctl config set autokill_url https://HOST"));
+}
+
+void Check::checkRadios()
+{
+    QStringList blocked;
+    for (const QSqlRecord &record : m_file.rows(QStringLiteral("port_blacklist")))
+        blocked.append(record.value(QStringLiteral("port")).toString());
+    QStringList seen;
+    for (const QSqlRecord &radio : m_file.rows(QStringLiteral("radio_adapters"))) {
+        const QString port = radio.value(QStringLiteral("port")).toString();
+        const QString id = radio.value(QStringLiteral("ids")).toString();
+        const QString subject = QStringLiteral("radio %1 (%2)").arg(id, port);
+        if (seen.contains(deviceFile(port)))
+            report(Warning, subject,
+                QStringLiteral("another row stands for the same port; the later one counts"),
+                QStringLiteral("quillonctl radio remove one of them"));
+        seen.append(deviceFile(port));
+        if (!radio.value(QStringLiteral("enabled")).toBool())
+            continue;
+        if (blocked.contains(port))
+            report(Warning, subject, QStringLiteral("its port is blocked"),
+                QStringLiteral("quillonctl port unblock %1, or radio disable %2").arg(port, id));
+        else
+            checkDevice(subject, radio);
+    }
+}
+
+void Check::checkDevice(const QString &subject, const QSqlRecord &radio)
+{
+    const QString path = deviceFile(radio.value(QStringLiteral("port")).toString());
+    const bool isStatic = radio.value(QStringLiteral("method")).toString() == QLatin1String("STATIC");
+    if (!radio.value(QStringLiteral("autobaud")).toBool()
+        && radio.value(QStringLiteral("baudrate")).toInt() <= 0)
+        report(Error, subject, QStringLiteral("its fixed speed is no speed"),
+            QStringLiteral("quillonctl radio set ID --baud RATE, or --autobaud"));
+    if (!QFileInfo::exists(path)) {
+        if (isStatic)
+            report(Warning, subject, QStringLiteral("%1 does not exist").arg(path),
+                QStringLiteral("plug it in, or quillonctl radio remove it"));
+        return;
+    }
+    if (!m_user.may(ServiceUser::Read | ServiceUser::Write, path))
+        report(Error, subject, QStringLiteral("%1 cannot be opened by the user %2").arg(path, m_user.name()),
+            QStringLiteral("usermod -aG %1 %2, then quillonctl restart").arg(groupOf(path), m_user.name()));
+}
+
+void Check::checkOutput(const QSqlRecord &output)
+{
+    const QString type = output.value(QStringLiteral("type")).toString().toUpper();
+    const QString target = output.value(QStringLiteral("target")).toString();
+    const QString id = output.value(QStringLiteral("ids")).toString();
+    const QString subject = QStringLiteral("output %1 (%2)").arg(id, type);
+    if (type == QLatin1String("RAW") || type == QLatin1String("ERAW")) {
+        checkServer(subject, target, output.value(QStringLiteral("port")).toInt(),
+            QStringLiteral("start the server, or quillonctl forwarder set %1 --target HOST:PORT").arg(id));
+    } else if (type == QLatin1String("FILE")) {
+        const QString problem = m_user.writeProblem(target);
+        if (!problem.isEmpty())
+            report(
+                Error, subject, problem, QStringLiteral("quillonctl forwarder set %1 --target PATH").arg(id));
+    } else if (type == QLatin1String("GCP")) {
+        checkPubSub(subject, output, id);
+    } else if (type != QLatin1String("DUOS")) {
+        report(Error, subject, QStringLiteral("the daemon knows no output of this kind and passes it over"),
+            QStringLiteral("quillonctl forwarder remove %1").arg(id));
+    }
+}
+
+void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const QString &id)
+{
+    const CredentialFile credential =
+        CredentialFile::fromSecret(output.value(QStringLiteral("secret")).toString());
+    const QString problem = credential.problem();
+    if (!problem.isEmpty()) {
+        report(Error, subject, QStringLiteral("its credential cannot be used: ") + problem,
+            QStringLiteral("quillonctl forwarder set %1 --credentials FILE, or forwarder disable %1")
+                .arg(id));
+        return;
+    }
+    if (output.value(QStringLiteral("context")).toString().isEmpty())
+        report(Error, subject, QStringLiteral("it has no topic"),
+            QStringLiteral("quillonctl forwarder set %1 --topic NAME").arg(id));
+    QUrl endpoint(output.value(QStringLiteral("target")).toString());
+    if (endpoint.scheme() != QLatin1String("https") && endpoint.scheme() != QLatin1String("http"))
+        endpoint = QUrl(QStringLiteral("https://pubsub.googleapis.com"));
+    for (const QUrl &server : {endpoint, credential.tokenUri()}) {
+        const int usual = server.scheme() == QLatin1String("http") ? 80 : 443;
+        checkServer(subject, server.host(), server.port(usual),
+            QStringLiteral(
+                "check the network and the firewall; quillonctl forwarder list shows the endpoint"));
+    }
+}
+
+void Check::checkServer(const QString &subject, const QString &host, int port, const QString &remedy)
+{
+    QTcpSocket socket;
+    if (port > 0 && port <= 65535 && hostProblem(host).isEmpty()) {
+        socket.connectToHost(host, quint16(port));
+        if (socket.waitForConnected(connectTimeoutMs))
+            return;
+    }
+    const QString reason = socket.error() == QAbstractSocket::UnknownSocketError
+        ? QStringLiteral("no host and port")
+        : socket.errorString();
+    report(Error, subject, QStringLiteral("%1 cannot be reached: %2").arg(hostAndPort(host, port), reason),
+        remedy);
+}
+
+void check(CommandContext &context, const CheckOptions &options)
+{
+    const ConfigFile file = context.open(ConfigFile::ReadOnly);
+    Check check(file,
+        options.user.empty() ? ServiceUser::find()
+                             : ServiceUser::named(QString::fromStdString(options.user)));
+    check.run();
+    context.exitCode = check.worst();
+    if (options.json) {
+        printJson(check.findings());
+        return;
+    }
+    for (const auto &value : check.findings()) {
+        const QJsonObject finding = value.toObject();
+        printLine(QStringLiteral("%1: %2: %3. Remedy: %4.")
+                      .arg(finding.value(QStringLiteral("severity")).toString(),
+                          finding.value(QStringLiteral("subject")).toString(),
+                          finding.value(QStringLiteral("problem")).toString(),
+                          finding.value(QStringLiteral("remedy")).toString()));
+    }
+    if (check.findings().isEmpty())
+        printLine(QStringLiteral("Nothing to report."));
+}
+
+} // namespace
+
+void addCheckCommand(CLI::App &app, CommandContext &context)
+{
+    const auto options = std::make_shared<CheckOptions>();
+    CLI::App *command = app.add_subcommand("check", "Report what would not work, with its remedy");
+    command->add_option("--user", options->user, "Take this user for the one that the daemon runs as");
+    command->add_flag("--json", options->json, "Write JSON");
+    command->footer("Exit code: 0 nothing, 1 warnings only, 2 errors.");
+    command->callback([&context, options] { check(context, *options); });
+}
