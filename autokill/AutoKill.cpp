@@ -100,7 +100,7 @@ void AutoKill::refresh()
     m_networkManager->post(request, body.toUtf8());
 }
 
-void AutoKill::retrieveDeathNote(QString bearer_token) // NOLINT(performance-unnecessary-value-param)
+void AutoKill::retrieveDeathNote(QString bearer_token)
 {
     QNetworkRequest request = requestTo(m_resourcesPath);
     request.setRawHeader("authorization", QStringLiteral("Bearer %1").arg(bearer_token).toUtf8());

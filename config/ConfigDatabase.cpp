@@ -288,7 +288,7 @@ QString ConfigDatabase::getFirstPendingActions()
     QSqlQuery query;
     if (!query.exec(QStringLiteral("SELECT * FROM pending_actions")) || !query.next())
         return QString();
-    const QString command = query.value(QStringLiteral("command")).toString().toUpper();
+    QString command = query.value(QStringLiteral("command")).toString().toUpper();
     const int id = query.value(QStringLiteral("ids")).toInt();
 
     QSqlQuery removal;

@@ -10,7 +10,7 @@ DataForwarderConfig DataForwarder::configuration() const
     return ConfigDatabase::getInstance()->getForwarderConfiguration(m_id);
 }
 
-void DataForwarder::setStatus(int status)
+void DataForwarder::setStatus(int status) const
 {
     ConfigDatabase::getInstance()->updateForwarderStatus(m_id, DataForwarderConfig::ForwarderStatus(status));
 }

@@ -29,7 +29,7 @@ protected:
     /// The row as it stands now.
     DataForwarderConfig configuration() const;
     /// Writes the status of this output's row, also when it does not change.
-    void setStatus(int status);
+    void setStatus(int status) const;
     /// The row of the radio whose adapter emitted the signal; a default record when there is none.
     QSharedPointer<RadioAdapterConfig> senderConfig() const;
 

@@ -9,6 +9,7 @@
 #include "serial/DevicePath.h"
 #include "serial/SerialAdapter.h"
 
+#include <QCoreApplication>
 #include <QFile>
 #include <QSerialPortInfo>
 #include <QTimer>
@@ -149,7 +150,7 @@ bool SerialDiscoverer::isDriven(const QString &portName) const
 
 QSharedPointer<RadioAdapterConfig> SerialDiscoverer::registerPort(const QString &portName) const
 {
-    const auto config = QSharedPointer<RadioAdapterConfig>::create();
+    auto config = QSharedPointer<RadioAdapterConfig>::create();
     config->port = portName;
     config->name = QString(portName).remove(QStringLiteral("ttyUSB"));
     config->method = QStringLiteral("UART"); // for every port, also the USB ones
@@ -163,7 +164,8 @@ QSharedPointer<RadioAdapterConfig> SerialDiscoverer::registerPort(const QString 
 
 void SerialDiscoverer::startAdapter(const QSharedPointer<RadioAdapterConfig> &config)
 {
-    auto *adapter = new SerialAdapter; // deleted by adapterStopped()
+    auto *adapter = new SerialAdapter; // deleted by adapterStopped(), or when the application ends
+    connect(qApp, &QCoreApplication::aboutToQuit, adapter, &QObject::deleteLater);
     connect(adapter, &SerialAdapter::adapterStopped, this, &SerialDiscoverer::adapterStopped);
     for (const auto &forwarder : qAsConst(m_forwarders)) {
         connect(adapter, &SerialAdapter::dataReceived, forwarder.data(), &DataForwarder::forward);

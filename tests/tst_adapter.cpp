@@ -191,7 +191,7 @@ void TestAdapter::givesUp()
     rig.start();
     QCOMPARE(radio.lineSpeed(), autobaud ? 19200 : 4800);
     QTRY_COMPARE_WITH_TIMEOUT(rig.stopped.size(), 1, identificationTime);
-    QVERIFY(clock.elapsed() >= queries * 900);
+    QVERIFY(clock.elapsed() >= qint64(queries) * 900);
     QCOMPARE(rig.sent.count(QStringLiteral("*GET,INFO,ESN")), queries);
     QCOMPARE(int(rig.config->status), 2);
     QCOMPARE(

@@ -34,8 +34,8 @@ extern "C" void syslog(int priority, const char *format, ...)
     va_end(arguments);
 }
 
-extern "C" void __syslog_chk(
-    int priority, int, const char *format, ...) // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+extern "C" void __syslog_chk(int priority, int, const char *format, ...)
 {
     va_list arguments;
     va_start(arguments, format);

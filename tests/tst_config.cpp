@@ -238,7 +238,9 @@ void TestConfig::migrationInsertsCloudOnlyWhenMissing()
 void TestConfig::statusesAreResetAtStart()
 {
     const TestDatabase file;
-    FreshDatabase(file.path());
+    {
+        FreshDatabase made(file.path());
+    }
     file.addStaticRadio(QStringLiteral("pts/1"), QStringLiteral("one"));
     file.run(QStringLiteral("UPDATE radio_adapters SET status = 2"));
     file.run(QStringLiteral("UPDATE data_forwarder SET status = 4"));
@@ -421,7 +423,9 @@ void TestConfig::lockedFileIsWaitedFor()
     QFETCH(int, seconds);
     QFETCH(int, failures);
     const TestDatabase file;
-    FreshDatabase(file.path());
+    {
+        FreshDatabase made(file.path());
+    }
     file.addForwarder(QStringLiteral("RAW"), QStringLiteral("kept"));
     file.run(QStringLiteral("UPDATE data_forwarder SET status = 4"));
     QProcess tool;

@@ -59,6 +59,7 @@ private:
 
     TestDatabase m_file;
     QList<SimulatedRadio *> m_radios;
+    QScopedPointer<Discoverer> m_discoverer;
 };
 
 void TestDiscoverer::init()
@@ -66,13 +67,15 @@ void TestDiscoverer::init()
     m_file.run(QStringLiteral("DELETE FROM radio_adapters"));
     m_file.run(QStringLiteral("DELETE FROM data_forwarder"));
     m_file.run(QStringLiteral("DELETE FROM port_blacklist"));
+    m_discoverer.reset(new Discoverer);
 }
 
 void TestDiscoverer::cleanup()
 {
-    qDeleteAll(m_radios); // the adapters of a discoverer that is gone end with their devices
+    qDeleteAll(m_radios); // their adapters end with them
     m_radios.clear();
     QTest::qWait(50);
+    m_discoverer.reset();
 }
 
 SimulatedRadio *TestDiscoverer::plug(const RadioSettings &settings)
@@ -106,7 +109,7 @@ bool TestDiscoverer::isOpen(const SimulatedRadio *radio) const
 void TestDiscoverer::newPortsAreRegistered()
 {
     const SimulatedRadio *radio = plug();
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{QStringLiteral("ttyUSB3"), radio->portName()};
     discoverer.scan();
     const Rows rows = m_file.run(QStringLiteral(
@@ -129,7 +132,7 @@ void TestDiscoverer::rowsDecide()
     addRow(disabled->portName(), false);
     addRow(twice->portName(), false);
     addRow(twice->portName(), true, QStringLiteral("last"));
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{disabled->portName(), twice->portName()};
     discoverer.scan();
     QVERIFY(!isOpen(disabled));
@@ -146,7 +149,7 @@ void TestDiscoverer::blacklistedPortsAreNotOpened()
     m_file.run(QStringLiteral("INSERT INTO port_blacklist (port) VALUES (?)"), {radio->portName()});
     addRow(radio->portName(), true, QString(), QStringLiteral("STATIC"));
     addRow(radio->slavePath(), true, QStringLiteral("alias"), QStringLiteral("STATIC"));
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{radio->portName()};
     discoverer.scan();
     QVERIFY(!isOpen(radio));
@@ -173,7 +176,7 @@ void TestDiscoverer::staticRows()
     addRow(QString(), true, QString(), isStatic);
     addRow(m_file.path(), true, QString(), isStatic);
     LogCapture log;
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.scan();
     QVERIFY(isOpen(byName) && isOpen(byPath));
     QVERIFY(!isOpen(disabled) && !isOpen(lastDisabled) && !isOpen(otherMethod));
@@ -188,7 +191,7 @@ void TestDiscoverer::aDeviceIsDrivenOnce()
     QVERIFY(radio->setLink(link));
     addRow(radio->portName(), true, QStringLiteral("name"), QStringLiteral("STATIC"));
     addRow(link, true, QStringLiteral("link"), QStringLiteral("STATIC"));
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.scan();
     discoverer.scan();
     QTRY_VERIFY(!radio->received().isEmpty());
@@ -203,7 +206,7 @@ void TestDiscoverer::aDeviceIsDrivenOnce()
 void TestDiscoverer::portThatCannotBeOpenedIsTriedAgain()
 {
     LogCapture log;
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList(QStringLiteral("pts/none"));
     discoverer.ports += discoverer.ports; // as a row that names it once more would have it
     for (int scans = 1; scans <= 3; ++scans) {
@@ -225,7 +228,7 @@ void TestDiscoverer::outputsOfEnabledRows()
     m_file.run(QStringLiteral("UPDATE data_forwarder SET enabled = 0 WHERE ids = ?"), {disabled});
 
     SimulatedRadio *radio = plug();
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.initForwarders();
     QList<QTcpSocket *> clients;
     QTRY_VERIFY(
@@ -248,7 +251,7 @@ void TestDiscoverer::broadcastReachesEveryRadio()
 {
     const SimulatedRadio *first = plug();
     const SimulatedRadio *second = plug();
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{first->portName(), second->portName()};
     discoverer.scan();
     QTRY_VERIFY_WITH_TIMEOUT(first->received().size() >= 8 && second->received().size() >= 8, 15000);
@@ -266,7 +269,7 @@ void TestDiscoverer::replugging()
     const QString link = m_file.folder() + QStringLiteral("/replugged");
     QVERIFY(radio->setLink(link));
     addRow(link, true, QStringLiteral("R"), QStringLiteral("STATIC"));
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     int filesAfterFirst = 0;
     const QString status = QStringLiteral("SELECT status FROM radio_adapters");
     for (int round = 0; round < 20; ++round) {

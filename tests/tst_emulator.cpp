@@ -71,6 +71,12 @@ void TestEmulator::initTestCase()
                  },
                  20000),
         printed.constData());
+
+    request("PUT", QStringLiteral("topics/topic"), {});
+    const QJsonObject subscription = request("PUT", QStringLiteral("subscriptions/sub"),
+        {{QStringLiteral("topic"), QStringLiteral("projects/proj/topics/topic")}});
+    QCOMPARE(subscription.value(QLatin1String("name")).toString(),
+        QStringLiteral("projects/proj/subscriptions/sub"));
 }
 
 void TestEmulator::cleanupTestCase()
@@ -110,12 +116,6 @@ QList<QJsonObject> TestEmulator::pull()
 
 void TestEmulator::publishedFramesCanBePulled()
 {
-    request("PUT", QStringLiteral("topics/topic"), {});
-    const QJsonObject subscription = request("PUT", QStringLiteral("subscriptions/sub"),
-        {{QStringLiteral("topic"), QStringLiteral("projects/proj/topics/topic")}});
-    QCOMPARE(subscription.value(QLatin1String("name")).toString(),
-        QStringLiteral("projects/proj/subscriptions/sub"));
-
     HttpServer tokens;
     tokens.answer = [](const HttpServer::Request &) {
         return HttpServer::Answer{200, "OK", R"({"access_token":"t0k"})"};
