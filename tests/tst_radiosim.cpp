@@ -248,14 +248,14 @@ void TestRadiosim::lineRate()
 
 void TestRadiosim::traffic()
 {
-    TrafficGenerator traffic(800); // more than one for each tick of its timer
+    TrafficGenerator traffic;
     QByteArrayList lines;
     connect(&traffic, &TrafficGenerator::lineReady, &traffic, [&](const QByteArray &line) {
         lines.append(line);
         if (lines.size() == 100)
             traffic.stop();
     });
-    traffic.start();
+    traffic.start(800); // more than one for each tick of its timer
     QElapsedTimer clock;
     clock.start();
     QTRY_COMPARE(lines.size(), 100);
@@ -377,6 +377,11 @@ void TestRadiosim::program()
     const QByteArray heard = frame("call") + QByteArray("\x02\0", 2);
     QCOMPARE(readLike(heard, port), heard);
     QVERIFY(command("hear call", "error: lost at radio 1\n"));
+    QVERIFY(command("traffic 200 2", "radio 2: 200 lines/s after line 0\nok\n"));
+    const QByteArray first = frame("call") + frame(TrafficGenerator::line(1));
+    QVERIFY(readLike(first, port).startsWith(first));
+    QVERIFY(command("traffic 0 2", "radio 2: 0 lines/s after line "));
+    QVERIFY(command("traffic fast", "error: no rate 'fast'\n"));
     QVERIFY(command("unplug 1", "radio 1: unplugged\nok\n"));
     QVERIFY(!QFileInfo(link(1)).isSymLink() && QFileInfo(link(2)).isSymLink());
     QVERIFY(command("plug", "ok\n") && QFileInfo(link(1)).isSymLink());

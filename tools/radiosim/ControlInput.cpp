@@ -1,6 +1,7 @@
 #include "tools/radiosim/ControlInput.h"
 
 #include "tools/radiosim/RadioFleet.h"
+#include "tools/radiosim/TrafficGenerator.h"
 
 #include <QCoreApplication>
 
@@ -20,6 +21,7 @@ const ControlInput::Command ControlInput::commands[] = {
     {"unplug", 0, &ControlInput::unplug},
     {"plug", 0, &ControlInput::plug},
     {"baud", 1, &ControlInput::baud},
+    {"traffic", 1, &ControlInput::traffic},
     {"hear", -1, &ControlInput::hear},
     {"raw", -1, &ControlInput::raw},
 };
@@ -108,6 +110,17 @@ QString ControlInput::baud(const QByteArray &argument, const QVector<int> &numbe
         return QStringLiteral("unknown speed '%1'").arg(QString::fromUtf8(argument));
     for (const int number : numbers)
         m_fleet.setBaud(number, rate);
+    return QString();
+}
+
+QString ControlInput::traffic(const QByteArray &argument, const QVector<int> &numbers)
+{
+    bool isNumber = false;
+    const double perSecond = argument.toDouble(&isNumber);
+    if (!isNumber || !(perSecond >= 0 && perSecond <= TrafficGenerator::maxPerSecond))
+        return QStringLiteral("no rate '%1'").arg(QString::fromUtf8(argument));
+    for (const int number : numbers)
+        m_fleet.setTraffic(number, perSecond);
     return QString();
 }
 

@@ -6,8 +6,9 @@
 
 class RadioFleet;
 
-/// Commands for the radios on standard input, one a line: unplug, plug, baud, hear and raw. Each is answered
-/// with "ok" or "error: reason" on standard output. The end of the input ends the event loop with code 0.
+/// Commands for the radios on standard input, one a line: unplug, plug, baud, traffic, hear and raw. Each is
+/// answered with "ok" or "error: reason" on standard output. The end of the input ends the event loop with
+/// code 0.
 class ControlInput : public QObject
 {
     Q_OBJECT
@@ -28,6 +29,7 @@ private:
     QString unplug(const QByteArray &argument, const QVector<int> &numbers);
     QString plug(const QByteArray &argument, const QVector<int> &numbers);
     QString baud(const QByteArray &argument, const QVector<int> &numbers);
+    QString traffic(const QByteArray &argument, const QVector<int> &numbers);
     QString hear(const QByteArray &argument, const QVector<int> &numbers);
     QString raw(const QByteArray &argument, const QVector<int> &numbers);
     QString send(const QByteArray &wireText, const QVector<int> &numbers);

@@ -23,7 +23,7 @@ bool RadioFleet::start(const RadiosimOptions &options)
             printEvents(number);
         connect(&m_script, &RadioScript::due, radio(number), &SimulatedRadio::send);
         if (options.traffic() > 0)
-            startTraffic(number, options.traffic());
+            setTraffic(number, options.traffic());
     }
     m_script.start();
     return true;
@@ -58,6 +58,20 @@ void RadioFleet::setBaud(int number, int baud)
     print(number, QStringLiteral("%1 bit/s").arg(baud));
 }
 
+void RadioFleet::setTraffic(int number, double perSecond)
+{
+    TrafficGenerator *&traffic = m_traffic[number];
+    if (!traffic) {
+        traffic = new TrafficGenerator(this);
+        connect(traffic, &TrafficGenerator::lineReady, radio(number), &SimulatedRadio::hear);
+    }
+    if (perSecond > 0)
+        traffic->start(perSecond);
+    else
+        traffic->stop();
+    print(number, QStringLiteral("%1 lines/s after line %2").arg(perSecond).arg(traffic->lastNumber()));
+}
+
 void RadioFleet::print(const QString &line)
 {
     const QByteArray bytes = line.toUtf8() + '\n';
@@ -86,13 +100,6 @@ void RadioFleet::printEvents(int number)
     connect(radio(number), &SimulatedRadio::displayChanged, this, [number](const QString &text) {
         print(number, QStringLiteral("display [%1]").arg(QString::fromUtf8(escapeBytes(text.toUtf8()))));
     });
-}
-
-void RadioFleet::startTraffic(int number, double perSecond)
-{
-    auto *traffic = new TrafficGenerator(perSecond, this);
-    connect(traffic, &TrafficGenerator::lineReady, radio(number), &SimulatedRadio::hear);
-    traffic->start();
 }
 
 void RadioFleet::print(int number, const QString &text)

@@ -3,9 +3,11 @@
 #include "tools/radiosim/RadioScript.h"
 #include "tools/radiosim/SimulatedRadio.h"
 
+#include <QMap>
 #include <QVector>
 
 class RadiosimOptions;
+class TrafficGenerator;
 
 /// The program's radios, with what they hear; prints on standard output what happens to them, a line each,
 /// flushed at once.
@@ -28,6 +30,8 @@ public:
     bool plugIn(int number);
     void unplug(int number);
     void setBaud(int number, int baud);
+    /// Lines per second from now on, 0 for none; numbers go on where they were.
+    void setTraffic(int number, double perSecond);
 
     /// Prints a line as it is.
     static void print(const QString &line);
@@ -35,10 +39,10 @@ public:
 private:
     bool addRadio(const RadiosimOptions &options);
     void printEvents(int number);
-    void startTraffic(int number, double perSecond);
     static void print(int number, const QString &text);
 
     QVector<SimulatedRadio *> m_radios;
+    QMap<int, TrafficGenerator *> m_traffic; // of those that have heard any
     RadioScript m_script;
     QString m_errorString;
 };

@@ -1,5 +1,7 @@
 #include "tools/radiosim/RadiosimOptions.h"
 
+#include "tools/radiosim/TrafficGenerator.h"
+
 #include <QRegularExpression>
 
 #include <array>
@@ -7,7 +9,6 @@
 namespace {
 
 constexpr int maxCount = 1000;
-constexpr double maxTraffic = 100'000; // lines per second
 
 struct Text
 {
@@ -46,6 +47,7 @@ Commands on the standard input, with --control, one a line:
   unplug [N]        the device of radio N vanishes; of every radio without N
   plug [N]          plugs it in again, as a new device behind the same link
   baud RATE [N]     changes the radio's own speed
+  traffic RATE [N]  hears RATE numbered lines per second from now on, 0 for none
   hear TEXT         every radio hears TEXT; "hear:N TEXT" for radio N alone
   raw BYTES         like hear, without a frame; "raw:N BYTES" for radio N alone
   Each is answered by "ok", or by "error: " and a reason, after the lines that
@@ -154,9 +156,10 @@ bool RadiosimOptions::readNumbers()
     if (!m_parser.isSet(QStringLiteral("traffic")))
         return true;
     m_traffic = traffic.toDouble(&isNumber);
-    if (!isNumber || !(m_traffic > 0 && m_traffic <= maxTraffic))
-        return fail(
-            QStringLiteral("--traffic: '%1' is not a number above 0, up to %2").arg(traffic).arg(maxTraffic));
+    if (!isNumber || !(m_traffic > 0 && m_traffic <= TrafficGenerator::maxPerSecond))
+        return fail(QStringLiteral("--traffic: '%1' is not a number above 0, up to %2")
+                        .arg(traffic)
+                        .arg(TrafficGenerator::maxPerSecond));
     return true;
 }
 

@@ -26,17 +26,17 @@ constexpr std::array kinds{
 
 } // namespace
 
-TrafficGenerator::TrafficGenerator(double perSecond, QObject *parent)
-    : QObject(parent), m_perSecond(perSecond)
+TrafficGenerator::TrafficGenerator(QObject *parent) : QObject(parent)
 {
     m_timer.setTimerType(Qt::PreciseTimer);
-    // Shorter than the time between two lines, which are then at most a quarter of it late.
-    m_timer.setInterval(int(qBound(double(minIntervalMs), 250 / perSecond, double(maxIntervalMs))));
     connect(&m_timer, &QTimer::timeout, this, &TrafficGenerator::produce);
 }
 
-void TrafficGenerator::start()
+void TrafficGenerator::start(double perSecond)
 {
+    m_perSecond = perSecond;
+    // Shorter than the time between two lines, which are then at most a quarter of it late.
+    m_timer.setInterval(int(qBound(double(minIntervalMs), 250 / perSecond, double(maxIntervalMs))));
     m_firstOfRun = m_lastNumber;
     m_clock.start();
     m_timer.start();

@@ -16,12 +16,13 @@ class TrafficGenerator : public QObject
     Q_OBJECT
 
 public:
-    /// Lines per second, on average and above 0: 0.1 is one every ten seconds, several hundred come in
-    /// groups.
-    explicit TrafficGenerator(double perSecond, QObject *parent = nullptr);
+    static constexpr double maxPerSecond = 100'000;
 
-    /// Goes on after the last number.
-    void start();
+    explicit TrafficGenerator(QObject *parent = nullptr);
+
+    /// Goes on after the last number. Lines per second, on average and above 0: 0.1 is one every ten seconds,
+    /// several hundred come in groups.
+    void start(double perSecond);
     void stop();
     /// The number of the last line, 0 before the first.
     int lastNumber() const { return m_lastNumber; }
@@ -36,7 +37,7 @@ signals:
 private:
     void produce();
 
-    double m_perSecond;
+    double m_perSecond = 0;
     QTimer m_timer;
     QElapsedTimer m_clock;
     int m_firstOfRun = 0;
