@@ -1,6 +1,7 @@
 #include "forwarders/TcpDataForwarder.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 
 namespace {
 
@@ -8,11 +9,21 @@ namespace {
 constexpr int reconnectDelay = 2000;
 constexpr int connectTimeout = 15000;
 constexpr int writeTimeout = 30000;
+constexpr int longWait = 500;
+constexpr int restAfterLongWait =
+    1500; // shorter than reconnectDelay: the output that waited goes behind the others
 
 /// A configured port beyond the range must not end up at another service.
 quint16 tcpPort(int configured)
 {
     return configured >= 0 && configured <= 65535 ? quint16(configured) : 0;
+}
+
+/// When some TCP output last ended a long wait for a connection.
+QElapsedTimer &sinceLongWait()
+{
+    static QElapsedTimer clock;
+    return clock;
 }
 
 } // namespace
@@ -24,27 +35,42 @@ TcpDataForwarder::TcpDataForwarder(QObject *parent, int id) : DataForwarder(pare
     m_target = config.target;
     m_port = config.port;
     m_reconnectTimer.setSingleShot(true);
-    m_reconnectTimer.setInterval(reconnectDelay);
     connect(&m_reconnectTimer, &QTimer::timeout, this, &TcpDataForwarder::reconnect);
     connect(&m_socket, &QTcpSocket::errorOccurred, this, &TcpDataForwarder::error);
     connect(&m_socket, &QTcpSocket::connected, this, &TcpDataForwarder::connected);
     // What the server says is of no interest, but it must not pile up.
     connect(&m_socket, &QTcpSocket::readyRead, this, [this] { m_socket.skip(m_socket.bytesAvailable()); });
-    m_reconnectTimer.start();
+    m_reconnectTimer.start(reconnectDelay);
 }
 
 void TcpDataForwarder::reconnect()
 {
     if (m_connected)
         return;
-    m_socket.connectToHost(m_target, tcpPort(m_port));
-    if (m_socket.waitForConnected(connectTimeout))
+    // Without a rest the waits of several outputs would follow each other for ever, and the radios' lines
+    // would overflow meanwhile.
+    if (sinceLongWait().isValid() && !sinceLongWait().hasExpired(restAfterLongWait)) {
+        m_reconnectTimer.start(int(restAfterLongWait - sinceLongWait().elapsed()));
+        return;
+    }
+    if (connectBlocking())
         return;
     qInfo() << "[" << m_target << ":" << m_port << "] " << m_socket.error() << " - "
             << m_socket.errorString();
     setStatus(DataForwarderConfig::Failed);
     m_connected = false;
-    m_reconnectTimer.start();
+    m_reconnectTimer.start(reconnectDelay);
+}
+
+bool TcpDataForwarder::connectBlocking()
+{
+    QElapsedTimer wait;
+    wait.start();
+    m_socket.connectToHost(m_target, tcpPort(m_port));
+    const bool isConnected = m_socket.waitForConnected(connectTimeout);
+    if (wait.hasExpired(longWait))
+        sinceLongWait().start();
+    return isConnected;
 }
 
 void TcpDataForwarder::connected()
@@ -60,7 +86,7 @@ void TcpDataForwarder::error(QAbstractSocket::SocketError socketError)
     m_socket.close();
     m_connected = false;
     setStatus(DataForwarderConfig::Failed);
-    m_reconnectTimer.start();
+    m_reconnectTimer.start(reconnectDelay);
 }
 
 void TcpDataForwarder::write(const QByteArray &message)

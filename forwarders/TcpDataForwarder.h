@@ -6,7 +6,8 @@
 #include <QTimer>
 
 /// What the two TCP outputs share: one connection as a client, tried again 2 s after it failed or broke.
-/// Connecting and writing block the event loop, for at most 15 s and 30 s. Messages for a server that is not
+/// Connecting and writing block the event loop, for at most 15 s and 30 s. After a long wait for a connection
+/// no TCP output tries to connect for 1.5 s, so that the radios are read. Messages for a server that is not
 /// connected are dropped.
 class TcpDataForwarder : public DataForwarder
 {
@@ -27,6 +28,8 @@ private slots:
     void connected();
 
 private:
+    bool connectBlocking();
+
     QTcpSocket m_socket;
     QTimer m_reconnectTimer;
     bool m_connected = false;

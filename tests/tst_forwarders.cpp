@@ -11,9 +11,16 @@
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 
+#include <QElapsedTimer>
 #include <QFile>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTest>
+
+#include <chrono>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
 
 namespace {
 
@@ -47,6 +54,7 @@ private slots:
     void tcpMessages_data();
     void tcpMessages();
     void tcpServerComesGoesAndComesBack();
+    void longWaitsForConnectionsLeaveTimeBetweenThem();
     void fileHoldsEveryLine();
     void fileThatCannotBeOpened();
     void fileOnAFullDisk();
@@ -169,6 +177,40 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     emit link.dataReceived(frame("back"));
     QTRY_COMPARE(client->bytesAvailable(), 6);
     QCOMPARE(client->readAll(), Frame::wrapped("back"));
+}
+
+void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
+{
+    // A full backlog: the kernel drops what asks for a connection, until the thread below makes room.
+    const int descriptor = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    auto *generic = reinterpret_cast<sockaddr *>(&address);
+    QVERIFY(::bind(descriptor, generic, size) == 0 && ::listen(descriptor, 0) == 0
+        && ::getsockname(descriptor, generic, &size) == 0);
+    QTcpSocket filler;
+    filler.connectToHost(QHostAddress::LocalHost, ntohs(address.sin_port));
+    QVERIFY(filler.waitForConnected());
+    std::thread server([descriptor] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2700)); // the first output waits since 2 s
+        for (int accepted = 0; accepted < 3; ++accepted)
+            ::accept(descriptor, nullptr, nullptr);
+    });
+
+    const QString host = QStringLiteral("127.0.0.1");
+    const int first = m_file.addForwarder(QStringLiteral("RAW"), host, ntohs(address.sin_port));
+    const int second = m_file.addForwarder(QStringLiteral("ERAW"), host, ntohs(address.sin_port));
+    RawDataForwarder raw(nullptr, first);
+    ExtendedRawDataForwarder extended(nullptr, second);
+    QVERIFY(QTest::qWaitFor([&] { return status(first) == 3; }, 10000));
+    const bool waits = status(second) == 0;
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(QTest::qWaitFor([&] { return status(second) == 3; }, 10000));
+    server.join();
+    QVERIFY2(waits && clock.elapsed() > 1000, qPrintable(QString::number(clock.elapsed())));
 }
 
 void TestForwarders::fileHoldsEveryLine()
