@@ -11,6 +11,8 @@
 #include <QDebug>
 
 #include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
 
 static void readCommandLine(const QCoreApplication &application)
 {
@@ -34,9 +36,20 @@ static void readCommandLine(const QCoreApplication &application)
         ConfigDatabase::getInstance(path);
 }
 
+/// A descriptor for standard input, output or error that is closed would be given to the next file or device
+/// that is opened, and the log would be written there.
+static void openStandardDescriptors()
+{
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO)
+        descriptor = ::open("/dev/null", O_RDWR);
+    ::close(descriptor);
+}
+
 int main(int argc, char *argv[])
 {
     qInstallMessageHandler(handleLogMessage);
+    openStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN); // an output whose reader has gone is an error of that output, not the end
     QCoreApplication application(argc, argv);
     QCoreApplication::setOrganizationName(QStringLiteral("Ostra Relief"));

@@ -5,7 +5,7 @@
 
 #include <QCoreApplication>
 #include <QDebug>
-#include <QFile>
+#include <QFileInfo>
 #include <QSqlQuery>
 #include <QSqlRecord>
 #include <QVariant>
@@ -114,7 +114,9 @@ ConfigDatabase::ConfigDatabase(const QString &path)
 
 void ConfigDatabase::openDatabase()
 {
-    if (!QFile::exists(m_path))
+    // A file that a lost power supply or a full disk has left empty is as good as none.
+    const QFileInfo file(m_path);
+    if (!file.exists() || (file.isFile() && file.size() == 0))
         createDatabase();
     if (!m_database.open()) {
         qInfo() << "Error: connection with database fail";

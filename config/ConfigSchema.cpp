@@ -64,14 +64,15 @@ bool lookUpKey(QSqlQuery &query, const QString &key)
     return checkStatement(executePrepared(query), checkDatabaseReleaseSignature, query);
 }
 
-/// Whether a statement failed because another program held the file for longer than the driver waits.
-bool isLocked(const QSqlQuery &query)
+/// Whether the look-up failed for another reason than a file that has no such table, or is no database at
+/// all: one that is locked or damaged, or a disk that fails, says nothing of the release.
+bool cannotTellRelease(const QSqlQuery &query)
 {
     constexpr int primaryCode = 0xff; // SQLite's extended result codes hold the primary one in their low byte
-    constexpr int busy = 5;
-    constexpr int locked = 6;
+    constexpr int noSuchTable = 1;
+    constexpr int noDatabase = 26;
     const int code = query.lastError().nativeErrorCode().toInt() & primaryCode;
-    return code == busy || code == locked;
+    return code != noSuchTable && code != noDatabase;
 }
 
 bool execute(QSqlQuery &query, const QString &statement)
@@ -175,8 +176,8 @@ void ConfigDatabase::checkDatabaseRelease()
 {
     QSqlQuery query;
     QString release = UNDEFINED_VALUE;
-    if (!lookUpKey(query, BDD_RELEASE_KEY) && isLocked(query))
-        return; // the release is not known: migrating a current file would cost its outputs
+    if (!lookUpKey(query, BDD_RELEASE_KEY) && cannotTellRelease(query))
+        return; // migrating a current file would cost its outputs
     if (query.next())
         release = query.value(QStringLiteral("value")).toString();
     if (release == BDD_RELEASE_VALUE)

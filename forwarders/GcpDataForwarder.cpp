@@ -22,6 +22,8 @@ constexpr int retryDelay = 5000;
 constexpr int flushDelay = 1000;
 constexpr int publishTimeout = 120000; // with time for a long list of postponed messages
 
+constexpr qint64 longestAnswer = 1024 * 1024; // bytes
+
 const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
 const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");
 
@@ -34,10 +36,16 @@ QUrl endpointOf(const QString &target)
     return QUrl(isUrl ? target : publishedEndpoint);
 }
 
-QNetworkRequest requestTo(const QUrl &url, const QString &contentType, int timeout)
+/// Whether a token can stand in a header: anything else would let its server write requests of its own.
+bool isHeaderText(const QString &text)
+{
+    return std::all_of(
+        text.cbegin(), text.cend(), [](QChar c) { return c > QLatin1Char(' ') && c < QChar(0x7f); });
+}
+
+QNetworkRequest requestTo(const QUrl &url, const QString &contentType)
 {
     QNetworkRequest request(url);
-    request.setTransferTimeout(timeout); // a server that says nothing counts as one that cannot be reached
     request.setHeader(QNetworkRequest::ContentTypeHeader, contentType);
     QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
     tls.setProtocol(QSsl::TlsV1_3OrLater);
@@ -91,9 +99,15 @@ void GcpDataForwarder::abortReconnect()
 
 void GcpDataForwarder::requestToken(const QString &tokenUri, const QByteArray &assertion)
 {
-    m_networkManager->post(
-        requestTo(QUrl(tokenUri), QStringLiteral("application/x-www-form-urlencoded"), requestPeriod),
-        "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion);
+    QNetworkReply *reply =
+        m_networkManager->post(requestTo(QUrl(tokenUri), QStringLiteral("application/x-www-form-urlencoded")),
+            "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion);
+    // A server that does not come to an end, in time or in bytes, counts as one that cannot be reached.
+    QTimer::singleShot(requestPeriod, reply, &QNetworkReply::abort);
+    connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received) {
+        if (received > longestAnswer)
+            reply->abort();
+    });
 }
 
 void GcpDataForwarder::replyFinished(QNetworkReply *reply)
@@ -117,8 +131,10 @@ void GcpDataForwarder::takeToken(const QByteArray &answer)
 {
     const QJsonObject document = QJsonDocument::fromJson(answer).object();
     const auto token = document.constFind(QLatin1String("access_token"));
-    if (token == document.constEnd())
+    if (token == document.constEnd() || !isHeaderText(token->toString())) {
+        qInfo() << "GcpDataForwarder : the answer holds no access token.";
         return;
+    }
     m_bearerToken = token->toString().toUtf8();
     m_tokenState = Ready;
 }
@@ -189,8 +205,9 @@ void GcpDataForwarder::publish(const Message &message)
 
     QUrl url = m_endpoint;
     url.setPath(publishPath.arg(m_projectId, m_topic));
-    QNetworkRequest request = requestTo(url, QStringLiteral("application/json"), publishTimeout);
+    QNetworkRequest request = requestTo(url, QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);
+    request.setTransferTimeout(publishTimeout);
     // Single quotes as they are, on purpose.
     m_networkManager->post(request, "{'messages':[{'data':'" + data + "'}]}");
 }

@@ -2,6 +2,8 @@
 
 #include <QDebug>
 #include <QElapsedTimer>
+#include <QHostAddress>
+#include <QHostInfo>
 
 namespace {
 
@@ -10,8 +12,8 @@ constexpr int reconnectDelay = 2000;
 constexpr int connectTimeout = 15000;
 constexpr int writeTimeout = 30000;
 constexpr int longWait = 500;
-constexpr int restAfterLongWait =
-    1500; // shorter than reconnectDelay: the output that waited goes behind the others
+// Shorter than reconnectDelay: the output that waited goes behind the others.
+constexpr int restAfterLongWait = 1500;
 
 /// A configured port beyond the range must not end up at another service.
 quint16 tcpPort(int configured)
@@ -53,16 +55,22 @@ void TcpDataForwarder::reconnect()
         m_reconnectTimer.start(int(restAfterLongWait - sinceLongWait().elapsed()));
         return;
     }
-    if (connectBlocking())
-        return;
-    qInfo() << "[" << m_target << ":" << m_port << "] " << m_socket.error() << " - "
-            << m_socket.errorString();
-    setStatus(DataForwarderConfig::Failed);
-    m_connected = false;
-    m_reconnectTimer.start(reconnectDelay);
+    // A name is looked up beforehand: inside the wait the look-up would block without any limit.
+    if (QHostAddress(m_target).isNull())
+        QHostInfo::lookupHost(m_target, this, &TcpDataForwarder::connectToFoundHost);
+    else
+        connectBlocking();
 }
 
-bool TcpDataForwarder::connectBlocking()
+void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
+{
+    if (host.error() == QHostInfo::NoError)
+        connectBlocking();
+    else
+        giveUpAttempt(QAbstractSocket::HostNotFoundError, host.errorString());
+}
+
+void TcpDataForwarder::connectBlocking()
 {
     QElapsedTimer wait;
     wait.start();
@@ -70,7 +78,16 @@ bool TcpDataForwarder::connectBlocking()
     const bool isConnected = m_socket.waitForConnected(connectTimeout);
     if (wait.hasExpired(longWait))
         sinceLongWait().start();
-    return isConnected;
+    if (!isConnected)
+        giveUpAttempt(m_socket.error(), m_socket.errorString());
+}
+
+void TcpDataForwarder::giveUpAttempt(QAbstractSocket::SocketError socketError, const QString &reason)
+{
+    qInfo() << "[" << m_target << ":" << m_port << "] " << socketError << " - " << reason;
+    setStatus(DataForwarderConfig::Failed);
+    m_connected = false;
+    m_reconnectTimer.start(reconnectDelay);
 }
 
 void TcpDataForwarder::connected()

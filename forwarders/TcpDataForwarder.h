@@ -5,6 +5,8 @@
 #include <QTcpSocket>
 #include <QTimer>
 
+class QHostInfo;
+
 /// What the two TCP outputs share: one connection as a client, tried again 2 s after it failed or broke.
 /// Connecting and writing block the event loop, for at most 15 s and 30 s. After a long wait for a connection
 /// no TCP output tries to connect for 1.5 s, so that the radios are read. Messages for a server that is not
@@ -28,7 +30,9 @@ private slots:
     void connected();
 
 private:
-    bool connectBlocking();
+    void connectToFoundHost(const QHostInfo &host);
+    void connectBlocking();
+    void giveUpAttempt(QAbstractSocket::SocketError socketError, const QString &reason);
 
     QTcpSocket m_socket;
     QTimer m_reconnectTimer;

@@ -12,6 +12,13 @@ constexpr int displayWidth = 12; // characters
 constexpr int scrollStep = 5; // characters
 constexpr int scrollDelay = 100; // ms
 
+/// A value that holds its own placeholder would grow at each call, so it is left out.
+void replacePlaceholder(QString *text, const QString &placeholder, const QString &value)
+{
+    if (!value.contains(placeholder, Qt::CaseInsensitive))
+        text->replace(placeholder, value, Qt::CaseInsensitive);
+}
+
 } // namespace
 
 DisplayTextCommand::DisplayTextCommand(QObject *parent, const QString &text, int delayMs)
@@ -22,8 +29,8 @@ DisplayTextCommand::DisplayTextCommand(QObject *parent, const QString &text, int
 QString DisplayTextCommand::commandText()
 {
     if (const auto *link = qobject_cast<RadioLink *>(parent())) {
-        m_text.replace(QStringLiteral("<port>"), link->config()->port, Qt::CaseInsensitive);
-        m_text.replace(QStringLiteral("<name>"), link->config()->name, Qt::CaseInsensitive);
+        replacePlaceholder(&m_text, QStringLiteral("<port>"), link->config()->port);
+        replacePlaceholder(&m_text, QStringLiteral("<name>"), link->config()->name);
     }
     return QStringLiteral("*SET,UI,TEXT,%1").arg(m_text);
 }

@@ -82,6 +82,8 @@ private slots:
     void pendingActions();
     void deletedFileIsMadeAnew();
     void fileThatIsNoDatabase();
+    void damagedFileKeepsItsOutputs();
+    void emptyFileIsFilled();
     void failedStatementsNameTheirOperation();
     void lockedFileIsWaitedFor_data();
     void lockedFileIsWaitedFor();
@@ -369,6 +371,35 @@ void TestConfig::fileThatIsNoDatabase()
     QVERIFY(!database.hasPendingActions());
     QVERIFY(rubbish.open(QIODevice::ReadOnly));
     QCOMPARE(rubbish.readAll(), QByteArray(5000, 'x'));
+}
+
+void TestConfig::damagedFileKeepsItsOutputs()
+{
+    const TestDatabase file;
+    {
+        FreshDatabase made(file.path());
+    }
+    file.addForwarder(QStringLiteral("RAW"), QStringLiteral("kept"));
+    const int page =
+        file.value(QStringLiteral("SELECT rootpage FROM sqlite_master WHERE name = 'system_configuration'"))
+            .toInt();
+    QFile bytes(file.path());
+    QVERIFY(bytes.open(QIODevice::ReadWrite));
+    QVERIFY(bytes.seek(qint64(page - 1) * 4096));
+    bytes.write(QByteArray(64, '\xff'));
+    bytes.close();
+    LogCapture log;
+    FreshDatabase database(file.path());
+    QCOMPARE(log.count(QStringLiteral("Old database schema detected")), 0);
+    QCOMPARE(database.getDataForwarders().size(), 2);
+}
+
+void TestConfig::emptyFileIsFilled()
+{
+    const TestDatabase file;
+    QVERIFY(QFile(file.path()).open(QIODevice::WriteOnly));
+    FreshDatabase database(file.path());
+    QCOMPARE(file.value(QStringLiteral("SELECT count(*) FROM sqlite_master")).toInt(), 5);
 }
 
 void TestConfig::failedStatementsNameTheirOperation()

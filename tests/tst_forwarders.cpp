@@ -13,6 +13,7 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
@@ -251,6 +252,13 @@ void TestForwarders::fileThatCannotBeOpened()
     emit link.dataReceived(frame("lost"));
     QCOMPARE(status(id), 3);
     QCOMPARE(log.texts(), QStringList(QStringLiteral("erreur lors de l'ouverture du fichier de logs")));
+
+    // A pipe without a reader would block.
+    const QString pipe = m_file.folder() + QStringLiteral("/pipe");
+    QCOMPARE(QProcess::execute(QStringLiteral("mkfifo"), {pipe}), 0);
+    const int pipeId = m_file.addForwarder(QStringLiteral("FILE"), pipe);
+    FileDataForwarder refused(nullptr, pipeId);
+    QCOMPARE(status(pipeId), 4);
 }
 
 void TestForwarders::fileOnAFullDisk()

@@ -59,6 +59,8 @@ private slots:
     void postponedMessagesOutliveTheirRadio();
     void refusedToken_data();
     void refusedToken();
+    void rubbishForAToken_data();
+    void rubbishForAToken();
     void expiredToken();
     void requestPeriod();
     void secretsWithoutAKey_data();
@@ -302,6 +304,25 @@ void TestGcp::refusedToken()
     say(*m_link, "live");
     QTRY_COMPARE(published(), (QStringList{QStringLiteral("live"), QStringLiteral("postponed")}));
     QCOMPARE(requestsTo(publishPath).last().headers.value("authorization"), QByteArray("Bearer second"));
+}
+
+void TestGcp::rubbishForAToken_data()
+{
+    QTest::addColumn<QByteArray>("answer");
+    QTest::newRow("no JSON") << QByteArray("<html>");
+    QTest::newRow("no token") << QByteArray("{}");
+    QTest::newRow("a header of its own") << QByteArray(R"({"access_token":"t\r\nX-Evil: 1"})");
+}
+
+void TestGcp::rubbishForAToken()
+{
+    QFETCH(QByteArray, answer);
+    m_tokenAnswer.body = answer;
+    LogCapture log;
+    QTRY_COMPARE(log.texts(QtInfoMsg),
+        QStringList(QStringLiteral("GcpDataForwarder : the answer holds no access token.")));
+    say(*m_link, "postponed");
+    QCOMPARE(log.count(QStringLiteral("postponed frame")), 1);
 }
 
 void TestGcp::expiredToken()

@@ -210,6 +210,10 @@ void TestProtocol::displayTextNamesItsRadio()
     QCOMPARE(
         command.commandText(), QStringLiteral("*SET,UI,TEXT,Radio nommee R1 branchee sur le port ttyUSB0"));
 
+    link.config()->name = QStringLiteral("<name><NAME>");
+    DisplayTextCommand bomb(&link, QStringLiteral("<name>"), 5000); // it would double at each call
+    QCOMPARE(bomb.commandText(), QStringLiteral("*SET,UI,TEXT,<name>"));
+
     DisplayTextCommand orphan(nullptr, QStringLiteral("<name> %1"), 5000); // its adapter is gone
     QCOMPARE(orphan.commandText(), QStringLiteral("*SET,UI,TEXT,<name> %1"));
 }
