@@ -11,6 +11,10 @@
 #include <QTcpSocket>
 #include <QTest>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
 namespace {
 
 /// A plugged radio that the daemon finds under a link.
@@ -64,6 +68,16 @@ int cpuTicks(qint64 pid)
     file.open(QIODevice::ReadOnly);
     const QList<QByteArray> fields = file.readAll().split(' ');
     return fields.value(13).toInt() + fields.value(14).toInt();
+}
+
+/// Whether a program has kept the device for itself and not given that up.
+bool isLocked(const QString &device)
+{
+    const int descriptor = ::open(QFile::encodeName(device).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    int locked = 0;
+    const bool isKnown = descriptor >= 0 && ::ioctl(descriptor, TIOCGEXCL, &locked) == 0;
+    ::close(descriptor);
+    return !isKnown || locked != 0;
 }
 
 constexpr int firstScanAndIdentification = 20000; // ms; long enough for a busy machine
@@ -159,6 +173,7 @@ void TestDaemon::pendingActions()
     QTRY_VERIFY(one.shown.contains(QStringLiteral("A B")) && two.shown.contains(QStringLiteral("A B")));
     QCOMPARE(daemon.waitForExit(15000), 0);
     QVERIFY2(clock.elapsed() >= 5500, "one action each two seconds");
+    QVERIFY2(!isLocked(one.slavePath()) && !isLocked(two.slavePath()), "the next start can open them");
     QCOMPARE(file.value(QStringLiteral("SELECT count(*) FROM pending_actions")).toInt(), 0);
     QStringList logged;
     for (const QString &line : daemon.log().split(QLatin1Char('\n'))) {
