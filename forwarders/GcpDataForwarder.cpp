@@ -22,7 +22,7 @@ constexpr int retryDelay = 5000;
 constexpr int flushDelay = 1000;
 constexpr int publishTimeout = 120000; // with time for a long list of postponed messages
 
-constexpr qint64 longestAnswer = 1024 * 1024; // bytes
+constexpr int longestAnswer = 1024 * 1024; // bytes
 
 const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
 const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");

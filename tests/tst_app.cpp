@@ -19,7 +19,7 @@ namespace {
 void recordSyslog(int priority, const char *format, va_list arguments)
 {
     char text[1000];
-    std::vsnprintf(text, sizeof text, format, arguments);
+    std::vsnprintf(text, sizeof text, format, arguments); // NOLINT(clang-analyzer-valist.Uninitialized)
     std::fprintf(stderr, "syslog %d %s\n", priority, text);
 }
 
