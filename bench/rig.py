@@ -1,0 +1,166 @@
+"""The daemon, the simulated radios and the database file, as a driver handles them."""
+
+import os
+import queue
+import re
+import signal
+import sqlite3
+import subprocess
+import threading
+import time
+
+TICKS = os.sysconf("SC_CLK_TCK")
+TABLES = ("radio_adapters", "port_blacklist", "system_configuration", "data_forwarder", "pending_actions")
+
+
+class Radios:
+    """A fleet of simulated radios, steered through the standard input of quillon-radiosim."""
+
+    def __init__(self, binary, folder, count=1, name="r", **options):
+        self.links = [f"{folder}/{name}{n + 1}" for n in range(count)]
+        self.ready_at = [None] * count  # when the greeting had been shown and cleared
+        self._greeted = [False] * count
+        self._answers = queue.Queue()
+        self._lock = threading.Lock()
+        self.last_line = [0] * count
+        command = [binary, "--control", "--count", str(count), "--link", f"{folder}/{name}%1"]
+        for option, value in options.items():
+            command += [f"--{option.replace('_', '-')}"] + ([] if value is True else [str(value)])
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        threading.Thread(target=self._read, daemon=True).start()
+        while not all(os.path.islink(link) for link in self.links):
+            time.sleep(0.02)
+
+    def _read(self):
+        for line in self.process.stdout:
+            if line.startswith((b"ok", b"error")):
+                self._answers.put(line.strip().decode())
+                continue
+            event = re.match(rb"radio (\d+): (display \[(.*)\]|.* after line (\d+))", line)
+            if event and event[4]:
+                self.last_line[int(event[1]) - 1] = int(event[4])
+            elif event:
+                self._displayed(int(event[1]) - 1, event[3])
+
+    def _displayed(self, radio, text):
+        if text:
+            self._greeted[radio], self.ready_at[radio] = True, None
+        elif self._greeted[radio] and self.ready_at[radio] is None:
+            self.ready_at[radio] = time.monotonic() + 0.7
+
+    def command(self, line):
+        """The radios' answer: "ok", or "error: " and a reason."""
+        with self._lock:
+            self.process.stdin.write(line.encode() + b"\n")
+            self.process.stdin.flush()
+            return self._answers.get(timeout=60)
+
+    def forget(self, radios=None):
+        """A radio that has to be identified anew is not ready."""
+        for radio in range(len(self.links)) if radios is None else radios:
+            self._greeted[radio], self.ready_at[radio] = False, None
+
+    def is_ready(self, radio):
+        at = self.ready_at[radio]
+        return at is not None and time.monotonic() > at
+
+    def all_ready(self):
+        return all(self.is_ready(radio) for radio in range(len(self.links)))
+
+    def close(self):
+        self.process.stdin.close()
+        self.process.wait()
+
+
+class Daemon:
+    """The daemon as a child process; its log goes to a file."""
+
+    def __init__(self, binary, database, log):
+        self.binary, self.database, self.log = binary, database, log
+        self.process = None
+
+    def start(self):
+        with open(self.log, "ab") as log:
+            self.process = subprocess.Popen([self.binary, "-c", self.database], stderr=log)
+
+    def stop(self, how=signal.SIGTERM, timeout=120):
+        """The exit code; -1000 when it had to be killed. A blocking wait of an output comes first."""
+        self.process.send_signal(how)
+        try:
+            return self.process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+            return -1000
+
+    def is_running(self):
+        return self.process is not None and self.process.poll() is None
+
+    def cpu_seconds(self):
+        with open(f"/proc/{self.process.pid}/stat", "rb") as file:
+            fields = file.read().rsplit(b")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / TICKS
+
+    def status(self, key):
+        """A number of /proc/PID/status: VmRSS (KiB), voluntary_ctxt_switches and the like."""
+        with open(f"/proc/{self.process.pid}/status") as file:
+            return int(re.search(rf"^{key}:\s+(\d+)", file.read(), re.M)[1])
+
+    def open_files(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+
+def wait_for(condition, timeout, what):
+    end = time.monotonic() + timeout
+    while not condition():
+        if time.monotonic() > end:
+            raise TimeoutError(f"{what}: not within {timeout} s")
+        time.sleep(0.05)
+
+
+def connect(database, timeout=20):
+    return sqlite3.connect(database, timeout=timeout, isolation_level=None)
+
+
+def make_database(daemon):
+    """Lets the daemon write a new file, so that it holds exactly its tables and defaults; its output is off."""
+    daemon.start()
+
+    def is_complete():
+        if not os.path.exists(daemon.database):
+            return False
+        with connect(daemon.database) as store:
+            return store.execute("SELECT count(*) FROM sqlite_master").fetchone()[0] == len(TABLES)
+
+    wait_for(is_complete, 10, "a new database")
+    time.sleep(0.3)
+    daemon.stop()
+    with connect(daemon.database) as store:
+        store.execute("DELETE FROM data_forwarder")
+
+
+def add_radios(database, links, baud=0):
+    with connect(database) as store:
+        for link in links:
+            store.execute(
+                "INSERT INTO radio_adapters (method, port, name, autobaud, tx_enabled, baudrate, enabled, discovered,"
+                " status, esn) VALUES ('STATIC', ?, ?, ?, 1, ?, 1, 0, 0, '')",
+                (link, os.path.basename(link), 0 if baud else 1, baud))
+
+
+def add_output(database, kind, target="", port="", secret="", context=""):
+    with connect(database) as store:
+        store.execute(
+            "INSERT INTO data_forwarder (type, target, port, secret, context, comment, enabled, status)"
+            " VALUES (?, ?, ?, ?, ?, '', 1, 0)", (kind, target, str(port), secret, context))
+
+
+def copy_rows(source, database):
+    """Puts the rows of one file into another that has the same tables, in one transaction."""
+    with connect(database) as store:
+        store.execute("ATTACH ? AS source", (source,))
+        store.execute("BEGIN IMMEDIATE")
+        for table in TABLES:
+            store.execute(f"DELETE FROM main.{table}")
+            store.execute(f"INSERT INTO main.{table} SELECT * FROM source.{table}")
+        store.execute("COMMIT")

@@ -1,0 +1,219 @@
+"""The other ends of the outputs, which can be made to fail."""
+
+import base64
+import json
+import os
+import socket
+import struct
+import subprocess
+import threading
+import time
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+
+
+class TcpSink:
+    """A TCP server for one connection at a time, on a port that it keeps over its failures."""
+
+    def __init__(self, take):
+        self._take = take  # gets the bytes of a connection so far, returns how many it is done with
+        self.connections = 0
+        self.stalled = threading.Event()
+        self._listener = self._client = None
+        self._fillers = []
+        self.port = 0
+        self.listen()
+
+    def listen(self):
+        self._drop_listener()
+        self._listener = self._bound(16)
+        threading.Thread(target=self._serve, args=(self._listener,), daemon=True).start()
+
+    def _bound(self, backlog):
+        listener = socket.socket()
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 8192)
+        listener.bind(("127.0.0.1", self.port))
+        self.port = listener.getsockname()[1]
+        listener.listen(backlog)
+        return listener
+
+    def _serve(self, listener):
+        while True:
+            try:
+                client = listener.accept()[0]
+            except OSError:
+                return
+            self._client = client
+            self.connections += 1
+            self._read(client)
+
+    def _read(self, client):
+        data = b""
+        while True:
+            while self.stalled.is_set():
+                time.sleep(0.02)
+            try:
+                received = client.recv(65536)
+            except OSError:
+                return
+            if not received:
+                client.close()
+                return
+            data += received
+            data = data[max(self._take(data), len(data) - 16):]
+
+    def hang_up(self, reset=False):
+        client = self._client
+        if client is None:
+            return
+        try:
+            if reset:
+                client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            client.shutdown(socket.SHUT_RDWR) if not reset else None
+            client.close()
+        except OSError:
+            pass
+
+    def _drop_listener(self):
+        for filler in self._fillers:
+            filler.close()
+        self._fillers = []
+        if self._listener:
+            try:
+                self._listener.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+            self._listener.close()
+            self._listener = None
+
+    def vanish(self):
+        """Nobody listens any more."""
+        self._drop_listener()
+        self.hang_up()
+
+    def drop_packets(self):
+        """The port is there, and its full backlog makes the kernel drop every further SYN."""
+        self.vanish()
+        self._listener = self._bound(0)
+        for _ in range(4):
+            filler = socket.socket()
+            filler.setblocking(False)
+            filler.connect_ex(("127.0.0.1", self.port))
+            self._fillers.append(filler)
+
+
+class FileTail(threading.Thread):
+    """Follows the file output; the daemon cuts off what a full disk took in part."""
+
+    def __init__(self, path, take):
+        super().__init__(daemon=True)
+        self._path, self._take = path, take
+        self._position, self._rest = 0, b""
+        self._lock = threading.Lock()
+        self.start()
+
+    def run(self):
+        while True:
+            self.read()
+            time.sleep(0.01)
+
+    def read(self):
+        with self._lock:
+            try:
+                with open(self._path, "rb") as file:
+                    size = os.fstat(file.fileno()).st_size
+                    if size < self._position:
+                        self._position, self._rest = size, b""
+                    file.seek(self._position)
+                    new = file.read()
+            except FileNotFoundError:
+                return
+            if new:
+                self._position += len(new)
+                data = self._rest + new
+                self._rest = data[max(self._take(data), len(data) - 16):]
+
+    def rewind(self):
+        """The next start of the daemon begins the file anew."""
+        self.read()
+        with self._lock:
+            if os.path.exists(self._path):
+                os.truncate(self._path, 0)
+            self._position, self._rest = 0, b""
+
+
+class Cloud(ThreadingHTTPServer):
+    """Token endpoint and publish endpoint. A token is good until the next one is asked for."""
+
+    daemon_threads = True
+    request_queue_size = 128
+
+    def __init__(self, take, refuse):
+        super().__init__(("127.0.0.1", 0), CloudRequest)
+        self.take, self.refuse = take, refuse
+        self.mode = "ok"
+        self.generation = 1
+        self.accepted = 0  # publishes with the token of this generation
+        threading.Thread(target=self.serve_forever, daemon=True).start()
+
+    def handle_error(self, request, client_address):
+        pass  # the daemon may end at any time
+
+    def expire_token(self):
+        self.generation += 1
+        self.accepted = 0
+
+    def secret(self):
+        key = subprocess.run(["openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048"],
+                             check=True, capture_output=True, text=True).stdout
+        document = {"project_id": "soak", "private_key_id": "k", "private_key": key, "client_email": "a@example.org",
+                    "token_uri": f"{self.url()}/token"}
+        return base64.b64encode(json.dumps(document).encode()).decode()
+
+    def url(self):
+        return f"http://127.0.0.1:{self.server_address[1]}"
+
+
+class CloudRequest(BaseHTTPRequestHandler):
+    protocol_version = "HTTP/1.1"
+    disable_nagle_algorithm = True
+
+    def log_message(self, *_):
+        pass
+
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers["Content-Length"]))
+        if self.path == "/token":
+            self.answer_token(self.server.mode)
+        else:
+            self.answer_publish(body)
+
+    def answer_token(self, mode):
+        if mode in ("401", "403", "500"):
+            self.reply(int(mode), b"{}")
+        elif mode == "rubbish":
+            self.reply(200, b"\x00<html>" + os.urandom(300))
+        elif mode == "mute":
+            time.sleep(15)
+            self.close_connection = True
+        else:
+            time.sleep(4 if mode == "slow" else 0)
+            self.reply(200, json.dumps({"access_token": f"t{self.server.generation}"}).encode())
+
+    def answer_publish(self, body):
+        text = body.split(b"'data':'")[1].split(b"'")[0]
+        message = json.loads(base64.urlsafe_b64decode(text + b"=" * (-len(text) % 4)))
+        frame = message["rawData"].encode()
+        if self.headers["Authorization"] != f"Bearer t{self.server.generation}":
+            self.server.refuse(frame)
+            self.reply(401, b"{}")
+            return
+        self.server.take(frame)
+        self.server.accepted += 1
+        self.reply(200, b"{}")
+
+    def reply(self, code, body):
+        self.send_response(code)
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)

@@ -1,0 +1,349 @@
+"""Throws faults at the daemon for a while and tells what became of every frame."""
+
+import argparse
+import fcntl
+import os
+import random
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from collections import Counter
+
+from faults import ALL, Faults, TCP
+from ledger import Ledger
+from rig import Daemon, Radios, add_output, add_radios, make_database, wait_for
+from sinks import Cloud, FileTail, TcpSink
+
+RADIOS = 8
+RATE = 2.0  # frames per second and radio
+LINE_RATE = 70  # frames per second; more would not go over a line of 38400 bit/s
+LONGEST_WAIT = 75  # s that the outputs' waits may add up to: two writes of 30 s and a connection of 15 s
+GROWTH = 16 * 1024  # KiB of memory that messages held for the cloud and the heap's own ways may cost
+UART_BUFFER = 64 * 1024 + 4096  # bytes that the kernel holds for a serial port before it loses any
+
+
+def isolate():
+    """In a network and mount namespace of its own: loopback alone, small send buffers."""
+    with socket.socket() as any_socket:
+        fcntl.ioctl(any_socket, 0x8914, struct.pack("16sH14x", b"lo", 0x41))  # SIOCSIFFLAGS: up and running
+    with open("/proc/sys/net/ipv4/tcp_wmem", "w") as file:
+        file.write("4096 8192 16384")
+
+
+class Soak:
+    def __init__(self, arguments):
+        self.arguments = arguments
+        self.random = random.Random(arguments.seed)
+        self.folder = tempfile.mkdtemp(prefix="q", dir="/tmp")
+        for name in ("db", "out"):
+            os.mkdir(f"{self.folder}/{name}")
+        self.has_mounts = arguments.isolated and self.mount()
+        self.database = f"{self.folder}/db/quillon.sqlite"
+        self.template = f"{self.folder}/template.sqlite"
+        self.file_path = f"{self.folder}/out/frames.log"
+        self.ledger = Ledger(ALL)
+        self.daemon = Daemon(f"{arguments.bin}/quillon", self.database, f"{self.folder}/daemon.log")
+        self.problems = []
+        self.samples = []  # (time, life, resident KiB, open files)
+        self.thrown, self.not_thrown = Counter(), Counter()
+        self.life = 0
+        self.cpu = 0.0
+        self.restarting = threading.Lock()
+        self.is_sending = threading.Event()
+        self.is_over = False
+
+    def mount(self):
+        commands = (["mount", "-t", "tmpfs", "-o", "size=64m", "none", f"{self.folder}/out"],
+                    ["mount", "--bind", f"{self.folder}/db", f"{self.folder}/db"])
+        return all(subprocess.run(command, capture_output=True).returncode == 0 for command in commands)
+
+    def set_up(self):
+        make_database(self.daemon)
+        ledger = self.ledger
+        self.sinks = {name: TcpSink(lambda data, name=name: ledger.add_received(name, data)) for name in TCP}
+        self.tail = FileTail(self.file_path, lambda data: ledger.add_received("FILE", data))
+        self.cloud = Cloud(lambda frame: ledger.add_received("GCP", frame),
+                           lambda frame: ledger.excuse("GCP", frame, "message of a refused publish"))
+        for name in TCP:
+            add_output(self.database, name, "127.0.0.1", self.sinks[name].port)
+        add_output(self.database, "FILE", self.file_path)
+        add_output(self.database, "DUOS")
+        add_output(self.database, "GCP", self.cloud.url(), 0, self.cloud.secret(), "topic")
+        self.radios = Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, RADIOS)
+        self.speeds = [19200] * RADIOS
+        self.sending = [threading.Lock() for _ in range(RADIOS)]
+        add_radios(self.database, self.radios.links)
+        shutil.copyfile(self.database, self.template)
+        threading.Thread(target=self.sample, daemon=True).start()
+        for radio in range(RADIOS):
+            threading.Thread(target=self.send, args=(radio,), daemon=True).start()
+
+    def anyone_ready(self):
+        return any(self.radios.is_ready(radio) for radio in range(RADIOS))
+
+    # Life of the daemon
+
+    def start(self):
+        self.daemon.start()
+        self.life += 1
+
+    def end(self, how):
+        """Ends the daemon, with every frame that it was sent accounted for."""
+        self.radios.forget()
+        self.ledger.cut(f"unread at {how.name}", ALL)
+        on_its_way = self.ledger.open_window("held in memory when the daemon ended", ("GCP",),
+                                             since=self.ledger.in_flight_since("GCP"))
+        self.cpu += self.daemon.cpu_seconds() if self.daemon.is_running() else 0
+        code = self.daemon.stop(how)
+        self.tail.rewind()
+        on_its_way()
+        if code != (0 if how == signal.SIGTERM else -signal.SIGKILL):
+            self.problems.append(f"{how.name} ended the daemon with code {code}")
+
+    def restart(self, how):
+        with self.restarting:
+            connections = {name: sink.connections for name, sink in self.sinks.items()}
+            close = self.ledger.open_window("not connected", TCP)
+            self.end(how)
+            self.start()
+            wait_for(self.anyone_ready, 200, "an identified radio")
+            wait_for(lambda: all(self.sinks[name].connections > connections[name] for name in TCP), 200, "connections")
+            close()
+
+    def sample(self):
+        while not self.is_over:
+            with self.restarting:
+                try:
+                    self.samples.append((time.monotonic(), self.life, self.daemon.status("VmRSS"),
+                                         self.daemon.open_files()))
+                except (FileNotFoundError, ProcessLookupError, TypeError, AttributeError):
+                    pass
+            if self.life and not self.restarting.locked() and not self.daemon.is_running():
+                self.problems.append(f"the daemon ended by itself with code {self.daemon.process.returncode}")
+                return
+            time.sleep(1)
+
+    # Traffic and faults
+
+    def send(self, radio):
+        number = 0
+        while not self.is_over:
+            time.sleep(1 / RATE)
+            with self.sending[radio]:
+                if not self.is_sending.is_set() or not self.radios.is_ready(radio):
+                    continue
+                number += 1
+                self.ledger.add_sent(radio, number)
+                token = self.ledger.frame(radio, number).decode()
+                answer = self.radios.command(f"hear:{radio + 1} *NTF,DPMR,RXVCALL,IND,0047312,{token},1,30")
+                if answer != "ok":
+                    self.ledger.unsend(radio, number)
+
+    def throw_faults(self, seconds):
+        faults = Faults(self)
+        busy = {family: threading.Lock() for family in faults.kinds}
+        end = time.monotonic() + seconds
+        threads = []
+        next_restart = time.monotonic() + self.random.uniform(60, 120)
+        while time.monotonic() < end and not self.problems:
+            time.sleep(self.random.uniform(0.5, 3))
+            family = self.random.choice([family for family in faults.kinds if family != "daemon"])
+            if time.monotonic() > next_restart:
+                family, next_restart = "daemon", time.monotonic() + self.random.uniform(90, 400)
+                for thread in threads:
+                    thread.join()
+            if not busy[family].acquire(blocking=False):
+                continue
+            kind = self.random.choice(sorted(faults.kinds[family]))
+            thread = threading.Thread(target=self.throw, args=(kind, faults.kinds[family][kind], busy[family]))
+            thread.start()
+            threads = [thread] + [other for other in threads if other.is_alive()]
+            if family == "daemon":
+                thread.join()
+        for thread in threads:
+            thread.join()
+
+    def throw(self, kind, fault, busy):
+        if self.arguments.verbose:
+            print(f"{time.monotonic() - self.began:8.1f} s  {kind}", flush=True)
+        try:
+            done = fault() is not False
+            (self.thrown if done else self.not_thrown)[kind] += 1
+        except Exception as error:  # pylint: disable=broad-except
+            self.problems.append(f"{kind}: {error}")
+        finally:
+            busy.release()
+
+    # The phases
+
+    def run(self):
+        self.set_up()
+        self.began = time.monotonic()
+        self.start()
+        wait_for(self.radios.all_ready, 90, "identified radios")
+        wait_for(lambda: all(sink.connections for sink in self.sinks.values()), 30, "connections")
+        self.is_sending.set()
+        self.throw_faults(self.arguments.seconds)
+        wait_for(self.radios.all_ready, 120, "identified radios after the last fault")
+        time.sleep(15)
+        self.is_sending.clear()
+        wait_for(lambda: time.monotonic() - self.ledger.backlog_since() < 0.1, 60, "the last frame")
+        time.sleep(5)
+        self.is_over = True
+        idle = self.measure_idle()
+        line = self.check_line_rate()
+        self.end(signal.SIGTERM)
+        self.radios.close()
+        return self.report(idle, line)
+
+    def measure_idle(self):
+        seconds = 30
+        before = self.daemon.cpu_seconds()
+        time.sleep(seconds)
+        share = (self.daemon.cpu_seconds() - before) / seconds
+        if share > 0.01 and not self.arguments.sanitized:
+            self.problems.append(f"{share:.1%} of a core while nothing was sent")
+        return share
+
+    def check_line_rate(self):
+        """One radio at 38400 bit/s, as fast as the line allows, while both TCP targets silently drop packets."""
+        # Lines come at the line's rate, but a pseudo-terminal holds less than a serial port: what it does not take
+        # waits in the simulated radio and must go out at once afterwards, so the radio's own pacing is off.
+        radio = Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, 1, "fast", baud=38400)
+        add_radios(self.database, radio.links)
+        wait_for(radio.all_ready, 60, "the fast radio")
+        arrivals, rest = {}, b""
+        seconds = self.arguments.line_seconds
+        for sink in self.sinks.values():
+            sink.drop_packets()
+        radio.command(f"traffic {LINE_RATE} 1")
+        start = time.monotonic()
+        position = os.path.getsize(self.file_path)
+        healed = False
+        while time.monotonic() < start + seconds + 60:
+            time.sleep(0.02)
+            with open(self.file_path, "rb") as file:
+                file.seek(position)
+                new = file.read()
+            position += len(new)
+            lines = (rest + new).split(b"\n")
+            rest = lines.pop()
+            for text in lines:
+                for field in text.replace(b'"', b",").replace(b"\x03", b",").split(b","):
+                    if field[:1] == b"N" and field[1:].isdigit():
+                        arrivals.setdefault(int(field[1:]), time.monotonic())
+            if not healed and time.monotonic() > start + seconds:
+                healed = True
+                radio.command("traffic 0 1")
+                for sink in self.sinks.values():
+                    sink.listen()
+            if healed and len(arrivals) >= radio.last_line[0]:
+                break
+        sent = radio.last_line[0]
+        delay = max((at - start - number / LINE_RATE for number, at in arrivals.items()), default=0)
+        radio.close()
+        return sent, sent - len(arrivals), delay
+
+    # The outcome
+
+    def report(self, idle, line):
+        print(f"\nseed {self.arguments.seed}, {self.arguments.seconds:.0f} s of faults, {self.life} starts\n")
+        print("| fault | thrown |\n|---|---|")
+        for kind, count in sorted(self.thrown.items()):
+            print(f"| {kind} | {count} |")
+        if not self.has_mounts:
+            print("| disk full, database read-only | 0: no mounts allowed here |")
+        print(f"\nFrames sent: {len(self.ledger.sent)}\n")
+        print("| output | received | lost | explained | unexplained | doubled | out of order | largest gap | longest delay |")
+        print("|---|---|---|---|---|---|---|---|---|")
+        causes = {}
+        for output in ALL:
+            causes[output] = self.judge(output)
+        print("\n| lost at | because | frames |\n|---|---|---|")
+        for output in ALL:
+            for cause, count in causes[output].items():
+                print(f"| {output} | {cause or 'UNEXPLAINED'} | {count} |")
+        self.report_resources(idle)
+        self.report_line_rate(*line)
+        for problem in self.problems:
+            print(f"PROBLEM: {problem}")
+        print("\nsoak:", "failed" if self.problems else "clean")
+        if not self.problems:
+            for name in ("db", "out") if self.has_mounts else ():
+                subprocess.run(["umount", "-l", f"{self.folder}/{name}"], check=False)
+            shutil.rmtree(self.folder, ignore_errors=True)
+        else:
+            print(f"the daemon's log is {self.daemon.log}")
+        return 1 if self.problems else 0
+
+    def judge(self, output):
+        causes, unexplained = self.ledger.judge(output)
+        lost, doubled, disordered = sum(causes.values()), self.ledger.doubled[output], self.ledger.disordered[output]
+        print(f"| {output} | {len(self.ledger.received[output])} | {lost} | {lost - len(unexplained)} |"
+              f" {len(unexplained)} | {doubled} | {disordered} | {self.ledger.largest_gap[output]:.1f} s |"
+              f" {self.ledger.largest_delay[output]:.1f} s |")
+        if output == "FILE" and self.ledger.largest_delay[output] > LONGEST_WAIT:
+            self.problems.append("a frame came to the file later than every wait of the outputs explains")
+        if unexplained:
+            some = [f"radio {r + 1} number {n} at {self.ledger.sent[r, n] - self.began:.1f} s" for r, n in unexplained]
+            self.problems.append(f"{output}: nothing explains the loss of {', '.join(some[:10])}")
+        if doubled or (disordered and output != "GCP"):
+            self.problems.append(f"{output}: {doubled} doubled, {disordered} out of order")
+        return causes
+
+    def report_resources(self, idle):
+        settled = [s for s in self.samples if s[1]]
+        print("\n| | start | middle | end |\n|---|---|---|---|")
+        picked = [settled[min(30, len(settled) - 1)], settled[len(settled) // 2], settled[-1]]
+        print("| resident memory, MiB | " + " | ".join(f"{s[2] / 1024:.1f}" for s in picked) + " |")
+        print("| open files | " + " | ".join(str(s[3]) for s in picked) + " |")
+        start, end = picked[0], picked[-1]
+        if end[3] > start[3] + 8 or (end[2] > start[2] + GROWTH and not self.arguments.sanitized):
+            self.problems.append("memory or open files grew")
+        print(f"\nCPU: {self.cpu:.1f} s in all; {idle:.2%} of a core while nothing was sent")
+
+    def report_line_rate(self, sent, lost, delay):
+        held = int(delay * 3840)
+        print(f"\n38400 bit/s at line rate while both TCP targets drop packets: {sent} frames, {lost} lost at the file,"
+              f" latest after {delay:.1f} s ({held} bytes waiting; a serial port's driver holds {UART_BUFFER})")
+        if lost or held > UART_BUFFER:
+            self.problems.append("a line at 38400 bit/s loses frames while TCP targets drop packets")
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/soak", description=__doc__)
+    parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--isolated", action="store_true", help=argparse.SUPPRESS)
+    parser.add_argument("--preset", default="release", help="build to run, such as asan (release)")
+    parser.add_argument("--hours", type=float, default=0.05, help="length of the faults (0.05: three minutes)")
+    parser.add_argument("--seed", type=int, default=int(time.time()), help="which faults come when")
+    parser.add_argument("--line-seconds", type=int, default=90, help="length of the check at line rate (90)")
+    parser.add_argument("--verbose", action="store_true", help="print every fault")
+    arguments = parser.parse_args()
+    arguments.seconds = arguments.hours * 3600
+    arguments.sanitized = arguments.preset == "asan"
+    if arguments.isolated:
+        isolate()
+    print(f"soak: seed {arguments.seed}, {arguments.seconds:.0f} s of faults, about two minutes more around them",
+          flush=True)
+    soak = Soak(arguments)
+    try:
+        return soak.run()
+    except Exception as error:
+        print(f"soak: failed: {error}; see {soak.daemon.log}", *soak.problems, sep="\n")
+        if soak.daemon.is_running():
+            soak.daemon.process.kill()
+        return 1
+
+
+if __name__ == "__main__":
+    sys.stdout.reconfigure(line_buffering=True)
+    code = main()
+    sys.stdout.flush()
+    os._exit(code)  # threads that wait for a server are nobody's any more
