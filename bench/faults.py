@@ -93,13 +93,14 @@ class Faults:
 
     def _break(self, output, breaking, healing=None, low=3.0, high=8.0):
         sink = self.soak.sinks[output]
-        before = sink.connections
+        before = self.soak.daemon.connections(sink.port)
         close = self.soak.ledger.open_window("not connected", (output,))
         breaking(sink)
         if healing:
             self.pause(low, high)
             healing(sink)
-        wait_for(lambda: sink.connections > before, 150, f"{output} to connect again")
+        # The daemon's word, not the server's: a connection may come when the daemon has just given it up.
+        wait_for(lambda: self.soak.daemon.connections(sink.port) > before, 200, f"{output} to connect again")
         close()
 
     def close(self, output):
@@ -153,8 +154,12 @@ class Faults:
 
     def make_read_only(self):
         folder = os.path.dirname(self.soak.database)
-        wait_for(lambda: subprocess.run(["mount", "-o", "remount,bind,ro", folder], capture_output=True).returncode == 0,
-                 10, "a moment without a writer")
+        for _ in range(100):  # the kernel refuses while the daemon has the file open
+            if subprocess.run(["mount", "-o", "remount,bind,ro", folder], capture_output=True).returncode == 0:
+                break
+            time.sleep(0.05)
+        else:
+            return False
         self.pause(2, 4)
         subprocess.run(["mount", "-o", "remount,bind,rw", folder], check=True)
 

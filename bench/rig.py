@@ -93,6 +93,11 @@ class Daemon:
             self.process.wait()
             return -1000
 
+    def connections(self, port):
+        """How often the log says that an output has connected to this port."""
+        with open(self.log, "rb") as log:
+            return log.read().count(b": %d ] socket connected" % port)
+
     def is_running(self):
         return self.process is not None and self.process.poll() is None
 

@@ -16,7 +16,6 @@ class TcpSink:
 
     def __init__(self, take):
         self._take = take  # gets the bytes of a connection so far, returns how many it is done with
-        self.connections = 0
         self.stalled = threading.Event()
         self._listener = self._client = None
         self._fillers = []
@@ -44,7 +43,6 @@ class TcpSink:
             except OSError:
                 return
             self._client = client
-            self.connections += 1
             self._read(client)
 
     def _read(self, client):

@@ -108,12 +108,13 @@ class Soak:
 
     def restart(self, how):
         with self.restarting:
-            connections = {name: sink.connections for name, sink in self.sinks.items()}
+            connections = {name: self.daemon.connections(sink.port) for name, sink in self.sinks.items()}
             close = self.ledger.open_window("not connected", TCP)
             self.end(how)
             self.start()
             wait_for(self.anyone_ready, 200, "an identified radio")
-            wait_for(lambda: all(self.sinks[name].connections > connections[name] for name in TCP), 200, "connections")
+            wait_for(lambda: all(self.daemon.connections(self.sinks[name].port) > connections[name] for name in TCP),
+                     200, "connections")
             close()
 
     def sample(self):
@@ -187,7 +188,7 @@ class Soak:
         self.began = time.monotonic()
         self.start()
         wait_for(self.radios.all_ready, 90, "identified radios")
-        wait_for(lambda: all(sink.connections for sink in self.sinks.values()), 30, "connections")
+        wait_for(lambda: all(self.daemon.connections(sink.port) for sink in self.sinks.values()), 30, "connections")
         self.is_sending.set()
         self.throw_faults(self.arguments.seconds)
         wait_for(self.radios.all_ready, 120, "identified radios after the last fault")

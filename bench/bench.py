@@ -1,0 +1,327 @@
+"""Measures the daemon beside socat and ser2net."""
+
+import argparse
+import json
+import os
+import platform
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from datetime import date
+
+import tables
+from rig import Daemon, Radios, add_output, add_radios, make_database, wait_for
+from sinks import TcpSink
+from trace import trace_frames
+
+LINE_RATE = 70  # frames per second and radio at 38400 bit/s
+PORT = 42100
+
+
+class Gateway:
+    """One of the programs between a radio's device and a TCP socket."""
+
+    role = "accept"  # the probe's end of the connection
+
+    def __init__(self, bench):
+        self.bench = bench
+        self.link = f"{bench.folder}/radio"
+        self.process = None
+
+    def start(self, probe):
+        self.process = subprocess.Popen(self.command(), stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
+        time.sleep(0.5)
+
+    def stop(self):
+        self.process.terminate()
+        self.process.wait()
+
+
+class Socat(Gateway):
+    name = "socat"
+    flood_frames = 300_000
+
+    def command(self):
+        return ["socat", f"{self.link},raw,echo=0,b38400", f"TCP:127.0.0.1:{PORT},nodelay"]
+
+
+class Ser2net(Gateway):
+    """As shipped: the connection's own defaults for how long it collects bytes."""
+
+    name = "ser2net"
+    role = "connect"
+    flood_frames = 20_000
+
+    def command(self):
+        path = f"{self.bench.folder}/ser2net.yaml"
+        with open(path, "w") as file:
+            file.write("%YAML 1.1\n---\nconnection: &radio\n"
+                       f"  accepter: tcp,127.0.0.1,{PORT}\n  connector: serialdev,{self.link},38400n81,local\n")
+        return ["ser2net", "-n", "-c", path]
+
+
+class Quillon(Gateway):
+    name = "quillon"
+    flood_frames = 6_000
+
+    def __init__(self, bench, outputs=("RAW",)):
+        super().__init__(bench)
+        self.outputs = outputs
+        if len(outputs) > 1:
+            self.name = f"quillon, {' '.join(outputs)}"
+
+    def start(self, probe):
+        daemon = self.bench.new_daemon([self.link])
+        add_output(daemon.database, "RAW", "127.0.0.1", PORT)
+        if "ERAW" in self.outputs:
+            add_output(daemon.database, "ERAW", "127.0.0.1", PORT + 1)
+        if "FILE" in self.outputs:
+            add_output(daemon.database, "FILE", f"{self.bench.folder}/frames.log")
+        daemon.start()
+        self.process = daemon.process
+        shown = False
+        for line in probe.stderr:  # until the greeting has been shown and cleared
+            if line.startswith(b"*SET,UI,TEXT,"):
+                text = line.strip() != b"*SET,UI,TEXT,"
+                if shown and not text:
+                    break
+                shown = shown or text
+        time.sleep(0.7)
+
+
+class Bench:
+    def __init__(self, arguments):
+        self.arguments = arguments
+        self.folder = tempfile.mkdtemp(prefix="quillon-bench-")
+        self.results = {"date": str(date.today()), "machine": machine(), "versions": versions(arguments.bin)}
+
+    def new_daemon(self, links, baud=38400):
+        """A daemon with a file of its own, in which these radios have their row."""
+        folder = tempfile.mkdtemp(dir=self.folder)
+        daemon = Daemon(f"{self.arguments.bin}/quillon", f"{folder}/quillon.sqlite", f"{folder}/log")
+        make_database(daemon)
+        add_radios(daemon.database, links, baud)
+        return daemon
+
+    def probe(self, gateway, kind, count, drains=()):
+        """Numbers that the probe prints for this gateway."""
+        ports = [str(port) for port in drains]
+        command = [f"{self.arguments.bin}/quillon-probe", kind, gateway.link, gateway.role, str(PORT), str(count)]
+        probe = subprocess.Popen(command + ports, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                 stderr=subprocess.PIPE)
+        probe.stderr.readline()
+        try:
+            gateway.start(probe)
+            output = probe.communicate(b"\n", timeout=300)[0]
+        finally:
+            gateway.stop()
+            probe.kill()
+        if probe.returncode != 0:
+            raise RuntimeError(f"{gateway.name}: {kind} failed")
+        return [float(line) for line in output.split()]
+
+    def compare(self):
+        """Latency and throughput, the programs taking turns."""
+        every = Quillon(self, ("RAW", "ERAW", "FILE"))
+        gateways = [Socat(self), Ser2net(self), Quillon(self)]
+        rounds = {gateway.name: [] for gateway in gateways + [every]}
+        for number in range(self.arguments.rounds):
+            for gateway in gateways:
+                latencies = sorted(self.probe(gateway, "latency", self.arguments.samples))
+                seconds = self.probe(gateway, "flood", gateway.flood_frames)[0]
+                rounds[gateway.name].append({"p50": latencies[len(latencies) // 2] / 1000,
+                                             "p99": latencies[len(latencies) * 99 // 100] / 1000,
+                                             "rate": gateway.flood_frames / seconds})
+            rounds[every.name].append({"rate": self.flood_every_output(every)})
+            say(f"round {number + 1}", {name: rounds[name][-1] for name in rounds})
+        self.results["rounds"] = rounds
+        self.results["comparison"] = {
+            name: {figure: statistics.median(one[figure] for one in of) for figure in of[0]}
+            for name, of in rounds.items()}
+
+    def flood_every_output(self, gateway):
+        count = gateway.flood_frames
+        seconds, drained = self.probe(gateway, "flood", count, [PORT + 1])
+        with open(f"{self.folder}/frames.log", "rb") as file:
+            in_file = file.read().count(b",1200003,")
+        if in_file != count or drained < count * 48:
+            raise RuntimeError(f"lost frames: {in_file} of {count} in the file, {drained} bytes at ERAW")
+        return count / seconds
+
+    def radios_at_line_rate(self):
+        self.results["fleet"] = [self.fleet(count) for count in self.arguments.fleets]
+
+    def fleet(self, count):
+        sink = TcpSink(len)
+        radios = self.line_rate_radios(count)
+        daemon = self.new_daemon(radios.links)
+        log = f"{self.folder}/fleet.log"
+        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
+        add_output(daemon.database, "FILE", log)
+        daemon.start()
+        wait_for(radios.all_ready, 120, "identified radios")
+        time.sleep(2)
+        lines_before = lines_in(log)
+        before = daemon.cpu_seconds()
+        radios.command(f"traffic {LINE_RATE}")
+        time.sleep(self.arguments.seconds)
+        cpu = daemon.cpu_seconds() - before
+        radios.command("traffic 0")
+        sent = sum(radios.last_line)
+        end = time.monotonic() + 30
+        while lines_in(log) - lines_before < sent and time.monotonic() < end:
+            time.sleep(0.2)
+        result = {"radios": count, "sent": sent, "lost": sent - (lines_in(log) - lines_before),
+                  "cpu": cpu, "core": cpu / self.arguments.seconds, "rss": daemon.status("VmRSS") / 1024}
+        daemon.stop()
+        radios.close()
+        say("fleet", result)
+        return result
+
+    def line_rate_radios(self, count):
+        return Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, count, baud=38400, line_rate=True)
+
+    def idle(self):
+        radios = self.line_rate_radios(8)
+        daemon = self.new_daemon(radios.links)
+        sink = TcpSink(len)
+        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
+        add_output(daemon.database, "FILE", f"{self.folder}/idle.log")
+        daemon.start()
+        wait_for(radios.all_ready, 90, "identified radios")
+        time.sleep(5)
+        cpu, wakeups = daemon.cpu_seconds(), daemon.status("voluntary_ctxt_switches")
+        time.sleep(self.arguments.idle)
+        self.results["idle"] = {
+            "cpu_per_hour": (daemon.cpu_seconds() - cpu) * 3600 / self.arguments.idle,
+            "wakeups": (daemon.status("voluntary_ctxt_switches") - wakeups) / self.arguments.idle,
+            "rss": daemon.status("VmRSS") / 1024}
+        daemon.stop()
+        radios.close()
+        say("idle", self.results["idle"])
+
+    def start_up(self):
+        figures = []
+        for _ in range(self.arguments.rounds):
+            radios = self.line_rate_radios(1)
+            daemon = self.new_daemon(radios.links)
+            log = f"{self.folder}/start.log"
+            if os.path.exists(log):
+                os.remove(log)
+            add_output(daemon.database, "FILE", log)
+            device = os.path.realpath(radios.links[0])
+            start = time.monotonic()
+            daemon.start()
+            wait_until(lambda: device in open_paths(daemon.process.pid))
+            scanned = time.monotonic() - start
+            wait_until(lambda: lines_in(log) > 0)
+            figures.append((scanned, time.monotonic() - start))
+            daemon.stop()
+            radios.close()
+        self.results["start"] = {"scan": statistics.median(f[0] for f in figures),
+                                 "frame": statistics.median(f[1] for f in figures)}
+        say("start", self.results["start"])
+
+    def size(self):
+        stripped = f"{self.folder}/stripped"
+        subprocess.run(["strip", "-o", stripped, f"{self.arguments.bin}/quillon"], check=True)
+        self.results["size"] = os.path.getsize(stripped)
+
+    def database_work(self):
+        radios = self.line_rate_radios(1)
+        daemon = self.new_daemon(radios.links)
+        sink = TcpSink(len)
+        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
+        add_output(daemon.database, "FILE", f"{self.folder}/trace.log")
+        daemon.start()
+        wait_for(radios.all_ready, 60, "an identified radio")
+        time.sleep(1)
+        self.results["database"] = trace_frames(daemon, radios, f"{self.folder}/strace")
+        daemon.stop()
+        radios.close()
+        say("database", self.results["database"])
+
+
+def wait_until(condition):
+    while not condition():
+        time.sleep(0.001)
+
+
+def open_paths(pid):
+    paths = []
+    for name in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            paths.append(os.readlink(f"/proc/{pid}/fd/{name}"))
+        except FileNotFoundError:
+            pass
+    return paths
+
+
+def lines_in(path):
+    try:
+        with open(path, "rb") as file:
+            return file.read().count(b"READ: ")
+    except FileNotFoundError:
+        return 0
+
+
+def say(what, figures):
+    print(f"bench: {what}: {json.dumps(figures)}", flush=True)
+
+
+def machine():
+    with open("/proc/cpuinfo") as file:
+        model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), platform.machine())
+    return f"{model}, {os.cpu_count()} cores, Linux {platform.release()}"
+
+
+def versions(folder):
+    def package(name):
+        return subprocess.run(["dpkg-query", "-W", "-f", "${Version}", name], capture_output=True, text=True).stdout
+
+    daemon = subprocess.run([f"{folder}/quillon", "--version"], capture_output=True, text=True).stdout.split()[-1]
+    return {"quillon": daemon, "socat": package("socat"), "ser2net": package("ser2net"),
+            "Qt": package("libqt5core5a"), "SQLite": package("libsqlite3-0")}
+
+
+def main():
+    parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
+    parser.add_argument("parts", nargs="*", help="compare, fleet, idle, start, size, database (all)")
+    parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--output", required=True, help=argparse.SUPPRESS)
+    parser.add_argument("--quick", action="store_true", help="short runs, to try the script")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds of every comparison (5)")
+    parser.add_argument("--samples", type=int, default=2000, help="frames of a latency measurement (2000)")
+    parser.add_argument("--document", action="store_true", help="put the tables into docs/benchmarks.md")
+    arguments = parser.parse_args()
+    arguments.fleets, arguments.seconds, arguments.idle = [1, 8, 32, 64], 60, 300
+    if arguments.quick:
+        arguments.rounds, arguments.samples = 1, 300
+        arguments.fleets, arguments.seconds, arguments.idle = [1, 8], 5, 20
+
+    bench = Bench(arguments)
+    parts = {"size": bench.size, "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
+             "compare": bench.compare, "fleet": bench.radios_at_line_rate}
+    for name, part in parts.items():
+        if not arguments.parts or name in arguments.parts:
+            part()
+    shutil.rmtree(bench.folder, ignore_errors=True)
+    with open(f"{arguments.output}.json", "w") as file:
+        json.dump(bench.results, file, indent=2)
+    text = tables.render(bench.results)
+    with open(f"{arguments.output}.md", "w") as file:
+        file.write(text)
+    print(text)
+    if arguments.document:
+        tables.put_into("docs/benchmarks.md", text)
+
+
+if __name__ == "__main__":
+    signal.signal(signal.SIGPIPE, signal.SIG_IGN)
+    main()
+    sys.stdout.flush()
+    os._exit(0)  # threads that wait for a connection are nobody's any more
