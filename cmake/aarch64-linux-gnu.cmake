@@ -2,7 +2,7 @@
 #
 #   dpkg --add-architecture arm64 && apt-get update
 #   apt-get install crossbuild-essential-arm64 qemu-user-static \
-#       qtbase5-dev:arm64 libqt5serialport5-dev:arm64 libqt5sql5-sqlite:arm64 libssl-dev:arm64
+#       qtbase5-dev:arm64 libqt5serialport5-dev:arm64 libqt5sql5-sqlite:arm64 libssl-dev:arm64 libsqlite3-dev:arm64
 #
 # Code generators such as moc stay the machine's own. Tests run under qemu; those that start the daemon need the
 # kernel to know qemu, too, which qemu-user-static sees to.
