@@ -84,6 +84,7 @@ void TestApp::logHandler_data()
 
 void TestApp::logHandler()
 {
+    const QByteArray qemuAborted("qemu: uncaught target signal 6 (Aborted) - core dumped\n");
     QFETCH(int, type);
     QFETCH(QByteArray, output);
     QFETCH(bool, aborts);
@@ -99,7 +100,9 @@ void TestApp::logHandler()
     ::close(pipeEnds[1]);
     QFile standardError;
     QVERIFY(standardError.open(pipeEnds[0], QIODevice::ReadOnly, QFile::AutoCloseHandle));
-    QCOMPARE(standardError.readAll(), output);
+    // The second is an emulator's own word on a program that aborts.
+    const QByteArray written = standardError.readAll();
+    QVERIFY2(written == output || written == output + qemuAborted, written);
     int status = 0;
     QCOMPARE(::waitpid(child, &status, 0), child);
     QCOMPARE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, aborts);

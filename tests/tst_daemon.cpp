@@ -70,14 +70,14 @@ int cpuTicks(qint64 pid)
     return fields.value(13).toInt() + fields.value(14).toInt();
 }
 
-/// Whether a program has kept the device for itself and not given that up.
+/// Whether a program has kept the device for itself and not given that up. An emulator may not tell root.
 bool isLocked(const QString &device)
 {
     const int descriptor = ::open(QFile::encodeName(device).constData(), O_RDWR | O_NOCTTY | O_CLOEXEC);
     int locked = 0;
     const bool isKnown = descriptor >= 0 && ::ioctl(descriptor, TIOCGEXCL, &locked) == 0;
     ::close(descriptor);
-    return !isKnown || locked != 0;
+    return descriptor < 0 || (isKnown && locked != 0);
 }
 
 constexpr int firstScanAndIdentification = 20000; // ms; long enough for a busy machine
