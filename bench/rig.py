@@ -80,9 +80,8 @@ class Daemon:
         self.process = None
 
     def start(self):
-        environment = dict(os.environ, LSAN_OPTIONS=f"suppressions={os.path.dirname(__file__)}/lsan.supp")
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([self.binary, "-c", self.database], stderr=log, env=environment)
+            self.process = subprocess.Popen([self.binary, "-c", self.database], stderr=log)
 
     def stop(self, how=signal.SIGTERM, timeout=120):
         """The exit code; -1000 when it had to be killed. A blocking wait of an output comes first."""
