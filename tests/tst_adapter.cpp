@@ -1,14 +1,12 @@
-#include "config/ConfigDatabase.h"
 #include "protocol/ActionCommands.h"
 #include "protocol/Notifications.h"
+#include "serial/MyQSerialPort.h"
 #include "serial/SerialAdapter.h"
 #include "support/LogCapture.h"
+#include "support/PluggedRadio.h"
 #include "support/TestDatabase.h"
-#include "tools/radiosim/SimulatedRadio.h"
 
-#include <QElapsedTimer>
-#include <QSignalSpy>
-#include <QTest>
+#include <memory>
 
 namespace {
 
@@ -21,49 +19,39 @@ public:
     explicit Rig(const QString &port)
     {
         config->port = port;
-        config->name = QStringLiteral("R1");
+        config->name = "R1"_s;
         config->autobaud = config->tx_enabled = config->enabled = true;
         ConfigDatabase::getInstance()->addDiscoveredAdapter(config);
         connect(&adapter, &SerialAdapter::dataReceived, this,
-            [this](const QSharedPointer<IcomCommandResponse> &response) { received.append(response); });
-        connect(&adapter, &SerialAdapter::dataSent, this,
-            [this](const QSharedPointer<IcomCommand> &command) { sent.append(command->commandText()); });
+            [this](const QSharedPointer<IcomCommandResponse> &response) {
+                received.append(response);
+                frames.append(response->data());
+                types.append(response->responseType());
+            });
+        connect(&adapter, &SerialAdapter::dataSent, this, [this](const QSharedPointer<IcomCommand> &command) {
+            lastSent = command;
+            sent.append(command->commandText());
+        });
     }
 
     void start() { adapter.start(config); }
     bool isIdentified() const { return config->status == RadioAdapterConfig::Identified; }
 
-    QByteArrayList frames() const
-    {
-        QByteArrayList result;
-        for (const auto &response : received)
-            result.append(response->data());
-        return result;
-    }
-
     const QSharedPointer<RadioAdapterConfig> config = QSharedPointer<RadioAdapterConfig>::create();
     QList<QSharedPointer<IcomCommandResponse>> received;
+    QByteArrayList frames;
+    QList<int> types;
     QStringList sent;
+    QSharedPointer<IcomCommand> lastSent;
     SerialAdapter adapter;
     QSignalSpy stopped{&adapter, &SerialAdapter::adapterStopped};
-};
-
-/// A plugged radio.
-class Radio : public SimulatedRadio
-{
-public:
-    explicit Radio(const RadioSettings &settings = RadioSettings()) : SimulatedRadio(settings)
-    {
-        if (!plugIn())
-            qFatal("%s", qPrintable(errorString()));
-    }
 };
 
 /// A radio that is only listened to, at its own speed.
 class ListeningRig : public Rig
 {
 public:
-    explicit ListeningRig(const Radio &radio) : Rig(radio.portName())
+    explicit ListeningRig(const PluggedRadio &radio) : Rig(radio.portName())
     {
         config->autobaud = config->tx_enabled = false;
         config->baudrate = radio.settings().baud;
@@ -71,7 +59,15 @@ public:
     }
 };
 
+RadioSettings muteRadio()
+{
+    RadioSettings settings;
+    settings.answers = false;
+    return settings;
+}
+
 constexpr int identificationTime = 15000; // ms; long enough for a busy machine
+const char *const call = "*NTF,DPMR,RXVCALL,1,2,3,4,5";
 
 } // namespace
 
@@ -81,37 +77,36 @@ class TestAdapter : public QObject
 
 private slots:
     void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
-    void init() { m_file.setKey(QStringLiteral("forward_invalid_data"), QStringLiteral("false")); }
-    void identifies();
+    void init() { m_file.setKey("forward_invalid_data"_s, "false"_s); }
+    void identifiesAndGreets();
     void walksTheBaudRates();
-    void givesUp_data();
-    void givesUp();
-    void announces_data();
-    void announces();
+    void announcesWhatItSends();
     void listensOnly();
     void framing_data();
     void framing();
-    void dropsALineWithoutEnd();
     void framesOfAnUnknownRadio();
-    void notificationsReachTheOutputs();
+    void notificationsOutliveTheAdapter();
     void wrongAnswersAreIgnored();
-    void displayTextScrollsAndIsCleared();
-    void vanishedDeviceStopsOnce();
     void stopsInsideItsOwnSignals();
-    void portThatCannotBeOpened();
-    void sharedObjectsOutliveTheAdapter();
+    void portLogsOnlyItsOwnSignal();
 
 private:
+    /// State and serial number as they stand in the file.
+    QString row(const Rig &rig) const
+    {
+        return m_file.run("SELECT status, esn FROM radio_adapters WHERE ids = ?"_s, {rig.config->ids});
+    }
+
     TestDatabase m_file;
 };
 
-void TestAdapter::identifies()
+void TestAdapter::identifiesAndGreets()
 {
     RadioSettings settings;
-    settings.esn = QStringLiteral("0289");
-    settings.comment1 = QStringLiteral("first");
-    settings.front = QStringLiteral("NG");
-    Radio radio(settings);
+    settings.esn = "0289"_s;
+    settings.comment1 = "first"_s;
+    settings.front = "NG"_s;
+    PluggedRadio radio(settings);
     QElapsedTimer clock;
     QList<qint64> times;
     connect(&radio, &SimulatedRadio::lineReceived, this, [&] { times.append(clock.elapsed()); });
@@ -120,123 +115,92 @@ void TestAdapter::identifies()
     Rig rig(radio.portName());
     rig.start();
     clock.start();
+    QString greeting = "Radio nommee R1 branchee sur le port "_s + radio.portName();
     const QByteArrayList expected{"*GET,INFO,ESN", "*SET,UI,TEXT,", "*GET,INFO,COMMENT,1",
         "*GET,INFO,COMMENT,2", "*GET,INFO,DREV", "*GET,INFO,REV", "*GET,INFO,FREV",
-        "*SET,UI,TEXT,Radio nommee R1 branchee sur le port " + radio.portName().toUtf8()};
-    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= expected.size(), identificationTime);
+        "*SET,UI,TEXT," + greeting.toUtf8()};
+    QTRY_VERIFY_WITH_TIMEOUT(radio.isGreeted(), identificationTime);
     QCOMPARE(radio.received().mid(0, expected.size()), expected);
     QVERIFY(times.at(0) >= 450); // the first tick
     QVERIFY2(times.at(1) - times.at(0) < 250, "the command after the ESN goes out at once");
-    QVERIFY2(
-        times.at(2) - times.at(1) >= 400, "and the next one on the next tick, since the display is mute");
+    QVERIFY2(times.at(2) - times.at(1) >= 400, "the next one on the next tick, since the display is mute");
     QVERIFY2(times.at(7) - times.at(2) < 250, "every further answer brings the next command at once");
 
     // The frame that identifies the radio comes twice: as the answer, and as a frame of its own.
-    QCOMPARE(rig.frames(),
+    QCOMPARE(rig.frames,
         (QByteArrayList{"*NTF,INFO,ESN,0289", "*NTF,INFO,ESN,0289", "*NTF,INFO,COMMENT,first",
             "*NTF,INFO,COMMENT,", "*NTF,INFO,DREV,1.02,DSP", "*NTF,INFO,REV,1.0,$AB12,SIM",
             "*NTF,INFO,FREV,NG"}));
-    QCOMPARE(rig.received.at(0)->responseType(), 3);
-    QCOMPARE(rig.received.at(1)->responseType(), 99);
+    QCOMPARE(rig.types.mid(0, 3), (QList<int>{3, 99, 1}));
     QVERIFY(rig.received.at(0)->timestamp().isValid());
-    QCOMPARE(log.count(QStringLiteral("NON Valid Comment :  \"*NTF,INFO,ESN,0289\"")), 1);
-    QCOMPARE(log.count(QStringLiteral("let store the radio ESN :  \"0289\"")), 1);
-    const Rows row = m_file.run(
-        QStringLiteral("SELECT status, esn FROM radio_adapters WHERE ids = %1").arg(rig.config->ids));
-    QCOMPARE(row.first(), (QVector<QVariant>{1, QStringLiteral("0289")}));
+    QCOMPARE(rig.sent.value(0), "*GET,INFO,COMMENT,1"_s); // nothing is announced before it is identified
+    QCOMPARE(log.count("NON Valid Comment :  \"*NTF,INFO,ESN,0289\""_s), 1);
+    QCOMPARE(log.count("let store the radio ESN :  \"0289\""_s), 1);
+    QCOMPARE(row(rig), "1|0289"_s);
     QVERIFY(rig.stopped.isEmpty());
+
+    QStringList texts{QString(), greeting};
+    while (greeting.size() > 12)
+        texts.append(greeting.remove(0, 5));
+    texts.append(QString());
+    QTRY_COMPARE_WITH_TIMEOUT(radio.shown, texts, 12000);
 }
 
 void TestAdapter::walksTheBaudRates()
 {
-    RadioSettings settings;
-    settings.baud = 4800;
-    Radio radio(settings);
-    Rig rig(radio.portName());
-    rig.start();
-    QList<int> speeds;
-    QTRY_VERIFY_WITH_TIMEOUT(
-        [&] {
-            const int speed = radio.lineSpeed();
-            if (speeds.isEmpty() || speeds.last() != speed)
-                speeds.append(speed);
-            return rig.isIdentified();
-        }(),
-        identificationTime);
-    QCOMPARE(speeds.mid(speeds.indexOf(19200)), (QList<int>{19200, 9600, 4800}));
-    QCOMPARE(radio.received().mid(0, 2), (QByteArrayList{"*GET,INFO,ESN", "*SET,UI,TEXT,"}));
+    m_file.setKey("forward_invalid_data"_s, "true"_s);
+    PluggedRadio mute(muteRadio());
+    PluggedRadio slow(4800);
+    const QList<int> every{19200, 9600, 4800, 2400, 1200, 38400};
+    const QPair<PluggedRadio *, QList<int>> cases[] = {
+        {&mute, every}, {&mute, {4800}}, {&slow, every.mid(0, 3)}};
+    for (const auto &each : cases) {
+        const PluggedRadio &radio = *each.first;
+        const int tries = each.second.size();
+        Rig rig(radio.portName());
+        rig.config->autobaud = tries > 1;
+        rig.config->baudrate = 4800;
+        QElapsedTimer clock;
+        clock.start();
+        rig.start();
+        QList<int> speeds{radio.lineSpeed()};
+        const auto hasEnded = [&] {
+            if (radio.lineSpeed() != speeds.last())
+                speeds.append(radio.lineSpeed());
+            return rig.isIdentified() || !rig.stopped.isEmpty();
+        };
+        QTRY_VERIFY_WITH_TIMEOUT(hasEnded(), identificationTime);
+        QCOMPARE(speeds.mid(0, tries), each.second); // a port that is closed gets back the speed it had
+        QCOMPARE(rig.sent.count("*GET,INFO,ESN"_s), tries);
+        const bool givesUp = &radio == &mute;
+        QVERIFY(clock.elapsed() >= tries * 900 - (givesUp ? 0 : 500));
+        QCOMPARE(row(rig), givesUp ? "2|"_s : "1|28940001"_s);
+        rig.adapter.stop();
+        QCOMPARE(rig.stopped.size(), 1);
+    }
 }
 
-void TestAdapter::givesUp_data()
+void TestAdapter::announcesWhatItSends()
 {
-    QTest::addColumn<bool>("autobaud");
-    QTest::addColumn<int>("queries");
-    QTest::newRow("after every speed") << true << 6;
-    QTest::newRow("after the fixed speed") << false << 1;
-}
-
-void TestAdapter::givesUp()
-{
-    QFETCH(bool, autobaud);
-    QFETCH(int, queries);
-    m_file.setKey(QStringLiteral("forward_invalid_data"), QStringLiteral("true"));
-    RadioSettings settings;
-    settings.answers = false;
-    Radio radio(settings);
-    Rig rig(radio.portName());
-    rig.config->autobaud = autobaud;
-    rig.config->baudrate = 4800;
-    QElapsedTimer clock;
-    clock.start();
-    rig.start();
-    QCOMPARE(radio.lineSpeed(), autobaud ? 19200 : 4800);
-    QTRY_COMPARE_WITH_TIMEOUT(rig.stopped.size(), 1, identificationTime);
-    QVERIFY(clock.elapsed() >= qint64(queries) * 900);
-    QCOMPARE(rig.sent.count(QStringLiteral("*GET,INFO,ESN")), queries);
-    QCOMPARE(int(rig.config->status), 2);
-    QCOMPARE(
-        m_file.value(QStringLiteral("SELECT status FROM radio_adapters WHERE ids = %1").arg(rig.config->ids))
-            .toInt(),
-        2);
-    rig.adapter.stop();
-    QCOMPARE(rig.stopped.size(), 1);
-}
-
-void TestAdapter::announces_data()
-{
-    QTest::addColumn<QString>("value");
-    QTest::addColumn<QString>("first"); // first command that is announced
-    QTest::newRow("false") << "false"
-                           << "*GET,INFO,COMMENT,1"; // not before the radio is identified
-    QTest::newRow("true") << "true"
-                          << "*GET,INFO,ESN";
-    QTest::newRow("other case") << "True" << QString();
-}
-
-void TestAdapter::announces()
-{
-    QFETCH(QString, value);
-    QFETCH(QString, first);
-    m_file.setKey(QStringLiteral("forward_invalid_data"), value);
-    Radio radio;
-    Rig rig(radio.portName());
-    rig.start();
-    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 4, identificationTime);
-    QCOMPARE(rig.sent.value(0), first);
+    for (const QString &value : {"true"_s, "True"_s}) { // any other word than the two announces nothing
+        m_file.setKey("forward_invalid_data"_s, value);
+        PluggedRadio radio;
+        Rig rig(radio.portName());
+        rig.start();
+        QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 4, identificationTime);
+        QCOMPARE(rig.sent.value(0), value == "true"_s ? "*GET,INFO,ESN"_s : QString());
+    }
 }
 
 void TestAdapter::listensOnly()
 {
-    Radio radio;
+    PluggedRadio radio;
     ListeningRig rig(radio);
-    rig.adapter.enqueueCommand(
-        QSharedPointer<DisplayTextCommand>::create(nullptr, QStringLiteral("HI"), 5000));
+    rig.adapter.enqueueCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "HI"_s, 5000));
     QTest::qWait(700); // longer than a tick
     QVERIFY(radio.hear("*NTF,INFO,ESN,1"));
-    QVERIFY(radio.hear("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-    QTRY_COMPARE(rig.received.size(), 2);
-    for (const auto &response : qAsConst(rig.received))
-        QCOMPARE(response->responseType(), 99);
+    QVERIFY(radio.hear(call));
+    QTRY_COMPARE(rig.types, (QList<int>{99, 99}));
     QVERIFY(radio.received().isEmpty());
     QVERIFY(!rig.isIdentified() && rig.stopped.isEmpty());
 }
@@ -259,122 +223,80 @@ void TestAdapter::framing_data()
     row("empty", {"\x02\x03\x03"}, {""});
     row("NUL and high bytes", {QByteArray("\x02\0\xff\x03", 4)}, {QByteArray("\0\xff", 2)});
     row("long", {'\x02' + QByteArray(60000, 'x') + '\x03'}, {QByteArray(60000, 'x')});
+    row("without an end", {'\x02' + QByteArray(70000, 'x'), "\x02one\x03"}, {"one"});
 }
 
 void TestAdapter::framing()
 {
     QFETCH(QByteArrayList, reads);
     QFETCH(QByteArrayList, frames);
-    Radio radio;
-    ListeningRig rig(radio);
-    for (const QByteArray &bytes : qAsConst(reads)) {
-        QVERIFY(QTest::qWaitFor([&] { return radio.send(bytes); }));
-        QTest::qWait(20); // let them arrive on their own
-    }
-    QTRY_COMPARE(rig.frames(), frames);
-}
-
-void TestAdapter::dropsALineWithoutEnd()
-{
-    Radio radio;
+    PluggedRadio radio;
     ListeningRig rig(radio);
     LogCapture log;
-    QVERIFY(QTest::qWaitFor([&] { return radio.send('\x02' + QByteArray(70000, 'x')); }));
-    QTRY_COMPARE(log.texts(QtWarningMsg).size(), 1);
-    QVERIFY(log.texts().first().contains(radio.portName()));
-    QTest::qWait(200);
-    QVERIFY(radio.send("\x02one\x03"));
-    QTRY_COMPARE(rig.frames(), QByteArrayList{"one"});
-    QCOMPARE(log.texts().size(), 1);
+    for (const QByteArray &bytes : qAsConst(reads)) {
+        QVERIFY(radio.deliver(bytes));
+        QTest::qWait(bytes.size() > 60000 ? 200 : 20); // let them arrive on their own
+    }
+    QTRY_COMPARE(rig.frames, frames);
+    QCOMPARE(log.count("without an end from port \"%1\""_s.arg(radio.portName())),
+        reads.first().size() > 70000 ? 1 : 0);
+    QVERIFY(!log.text().contains(u'\n'));
 }
 
 void TestAdapter::framesOfAnUnknownRadio()
 {
-    RadioSettings settings;
-    settings.answers = false;
-    Radio radio(settings);
+    PluggedRadio radio(muteRadio());
     Rig rig(radio.portName());
     rig.start();
     LogCapture log;
     QVERIFY(radio.hear("*NTF,INFO,COMMENT,early"));
-    QTRY_COMPARE(log.count(QStringLiteral("NON Valid ESN :  \"*NTF,INFO,COMMENT,early\"")), 1);
+    QTRY_COMPARE(log.count("NON Valid ESN :  \"*NTF,INFO,COMMENT,early\""_s), 1);
     QVERIFY(rig.received.isEmpty());
-    m_file.setKey(QStringLiteral("forward_invalid_data"), QStringLiteral("true"));
-    QVERIFY(radio.hear("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-    QTRY_COMPARE(rig.received.size(), 1);
-    QCOMPARE(rig.received.first()->responseType(), 99);
+    m_file.setKey("forward_invalid_data"_s, "true"_s);
+    QVERIFY(radio.hear(call));
+    QTRY_COMPARE(rig.types, QList<int>{99});
     QVERIFY(!rig.isIdentified());
 }
 
-void TestAdapter::notificationsReachTheOutputs()
+void TestAdapter::notificationsOutliveTheAdapter()
 {
-    Radio radio;
-    Rig rig(radio.portName());
-    rig.start();
-    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 8, identificationTime);
-    rig.received.clear();
-    for (const char *line :
-        {"*NTF,DPMR,RXVCALL,1,2,3,4,5", "*NTF,DPMR,RXMSG,malformed", "*NTF,CTRL,BATVST,L1\""})
+    PluggedRadio radio;
+    auto rig = std::make_unique<Rig>(radio.portName());
+    rig->start();
+    QTRY_VERIFY_WITH_TIMEOUT(radio.isIdle(), identificationTime);
+    const int before = rig->types.size();
+    for (const char *line : {"*NTF,DPMR,RXMSG,malformed", "*NTF,CTRL,BATVST,L1\"", call})
         QVERIFY(radio.hear(line));
-    QTRY_COMPARE(rig.received.size(), 2);
-    QCOMPARE(rig.received.first()->responseType(), 6);
-    QCOMPARE(rig.received.last()->responseType(), 10);
-    QCOMPARE(rig.received.first()->parent(), &rig.adapter);
+    QTRY_COMPARE(rig->types.mid(before), (QList<int>{10, 6}));
+    const auto command = rig->lastSent;
+    const auto response = rig->received.last();
+    QCOMPARE(command->parent(), &rig->adapter);
+    QCOMPARE(response->parent(), &rig->adapter);
+
+    rig.reset();
+    QVERIFY(!command->parent() && !response->parent());
+    QVERIFY(!command->commandText().isEmpty());
+    QCOMPARE(response->data(), QByteArray(call));
+    response->process();
 }
 
 void TestAdapter::wrongAnswersAreIgnored()
 {
-    Radio radio;
+    PluggedRadio radio;
     Rig rig(radio.portName());
     rig.start(); // the head waits for the first tick
     LogCapture log;
-    const auto call = parseNotification(&rig.adapter, "*NTF,DPMR,RXVCALL,1,2,3,4,5");
+    const auto notification = parseNotification(&rig.adapter, call);
     QMetaObject::invokeMethod(
-        &rig.adapter, "handleCommandResponse", Q_ARG(QSharedPointer<IcomCommandResponse>, call));
+        &rig.adapter, "handleCommandResponse", Q_ARG(QSharedPointer<IcomCommandResponse>, notification));
     QCOMPARE(rig.received.size(), 1);
-    QCOMPARE(log.texts(QtWarningMsg),
-        QStringList(QStringLiteral("Got a response 6 while 3 was expected. Ignored.")));
-}
-
-void TestAdapter::displayTextScrollsAndIsCleared()
-{
-    Radio radio;
-    Rig rig(radio.portName());
-    rig.start();
-    QTRY_VERIFY_WITH_TIMEOUT(rig.isIdentified(), identificationTime);
-    QStringList shown;
-    connect(&radio, &SimulatedRadio::displayChanged, this, [&](const QString &text) { shown.append(text); });
-    rig.config->port = QStringLiteral("P");
-    QTRY_COMPARE_WITH_TIMEOUT(shown.size(), 8, 12000);
-    QString text = QStringLiteral("Radio nommee R1 branchee sur le port P");
-    for (const QString &step : qAsConst(shown).mid(0, 7)) {
-        QCOMPARE(step, text);
-        text.remove(0, 5);
-    }
-    QCOMPARE(shown.last(), QString());
-}
-
-void TestAdapter::vanishedDeviceStopsOnce()
-{
-    Radio radio;
-    Rig rig(radio.portName());
-    rig.start();
-    QTRY_VERIFY_WITH_TIMEOUT(rig.isIdentified(), identificationTime);
-    LogCapture log;
-    QVERIFY(radio.send("\x02half a fra"));
-    radio.unplug();
-    QTRY_COMPARE(rig.stopped.size(), 1);
-    QTest::qWait(100);
-    QCOMPARE(rig.stopped.size(), 1);
-    QCOMPARE(int(rig.config->status), 2);
-    QCOMPARE(log.texts(QtInfoMsg).size(), 1);
-    QVERIFY(log.texts(QtWarningMsg).isEmpty());
+    QCOMPARE(log.text(QtWarningMsg), "Got a response 6 while 3 was expected. Ignored."_s);
 }
 
 void TestAdapter::stopsInsideItsOwnSignals()
 {
-    m_file.setKey(QStringLiteral("forward_invalid_data"), QStringLiteral("true"));
-    Radio radio;
+    m_file.setKey("forward_invalid_data"_s, "true"_s);
+    PluggedRadio radio;
     Rig inSent(radio.portName());
     connect(&inSent.adapter, &SerialAdapter::dataSent, &inSent.adapter, &SerialAdapter::stop);
     inSent.start();
@@ -383,42 +305,19 @@ void TestAdapter::stopsInsideItsOwnSignals()
 
     ListeningRig inReceived(radio);
     connect(&inReceived.adapter, &SerialAdapter::dataReceived, &inReceived.adapter, &SerialAdapter::stop);
-    QVERIFY(QTest::qWaitFor([&] { return radio.send("\x02one\x03\x02two\x03"); }));
+    QVERIFY(radio.deliver("\x02one\x03\x02two\x03"));
     QTRY_COMPARE(inReceived.stopped.size(), 1);
-    QCOMPARE(inReceived.frames(), QByteArrayList{"one"});
+    QCOMPARE(inReceived.frames, QByteArrayList{"one"});
 }
 
-void TestAdapter::portThatCannotBeOpened()
+void TestAdapter::portLogsOnlyItsOwnSignal()
 {
+    MyQSerialPort port;
     LogCapture log;
-    Rig rig(QStringLiteral("pts/none"));
-    rig.start();
-    QCOMPARE(rig.stopped.size(), 1);
-    QCOMPARE(int(rig.config->status), 2);
-    QCOMPARE(log.texts(QtInfoMsg),
-        QStringList(QStringLiteral("Error ( \"pts/none\" ) :  \"No such file or directory\"")));
-}
-
-void TestAdapter::sharedObjectsOutliveTheAdapter()
-{
-    Radio radio;
-    QSharedPointer<IcomCommand> command;
-    QSharedPointer<IcomCommandResponse> response;
-    {
-        Rig rig(radio.portName());
-        connect(&rig.adapter, &SerialAdapter::dataSent, this,
-            [&](const QSharedPointer<IcomCommand> &sent) { command = sent; });
-        rig.start();
-        QTRY_VERIFY_WITH_TIMEOUT(rig.isIdentified() && !command.isNull(), identificationTime);
-        QVERIFY(radio.hear("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-        QTRY_COMPARE(rig.received.last()->responseType(), 6);
-        response = rig.received.last();
-        QVERIFY(command->parent() && response->parent());
-    }
-    QVERIFY(!command->parent() && !response->parent());
-    QVERIFY(!command->commandText().isEmpty());
-    QCOMPARE(response->data(), QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-    response->process();
+    emit static_cast<QSerialPort &>(port).errorOccurred(QSerialPort::ResourceError);
+    QCOMPARE(log.text(), QString());
+    emit port.errorOccurred(QSerialPort::ResourceError);
+    QCOMPARE(log.text(QtInfoMsg), "error occurred :  QSerialPort::ResourceError"_s);
 }
 
 QTEST_GUILESS_MAIN(TestAdapter)

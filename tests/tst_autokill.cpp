@@ -1,11 +1,10 @@
 #include "autokill/AutoKill.h"
-#include "config/ConfigDatabase.h"
 #include "support/HttpServer.h"
 #include "support/LogCapture.h"
-#include "support/TestCertificates.h"
+#include "support/OpenSsl.h"
 #include "support/TestDatabase.h"
 
-#include <QTest>
+#include <memory>
 
 namespace {
 
@@ -17,8 +16,9 @@ public:
     void fetchNow() { QMetaObject::invokeMethod(this, "retrieveDeathNote", Q_ARG(QString, QString())); }
 };
 
-constexpr char threeRadios[] =
-    R"({"entities":[{"externalId":"0012345"},{"externalId":"Ab"},{"externalId":"9"}]})";
+constexpr char loginPath[] = "/api/auth";
+constexpr char listPath[] =
+    "/api/ressource?limit=100&offset=0&type=dpmr&attributeName=autokill&attributeValue=true";
 
 } // namespace
 
@@ -27,176 +27,112 @@ class TestAutoKill : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase();
+    void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
     void init();
-    void logsInAndFetches();
-    void refreshForgetsUntilTheNextFetch();
-    void refusedAnswers_data();
-    void refusedAnswers();
+    void logsInFetchesAndForgets();
+    void refusals();
     void ignoresTheAnswerAfterAnUnexpectedOne();
-    void answersThatAreNoJson();
-    void refusesOlderTls();
-    void addresses_data();
     void addresses();
 
 private:
     TestDatabase m_file;
     TestCertificates m_certificates;
+    std::unique_ptr<HttpServer> m_server;
 };
-
-void TestAutoKill::initTestCase()
-{
-    ConfigDatabase::getInstance(m_file.path());
-}
 
 void TestAutoKill::init()
 {
-    m_file.setKey(QStringLiteral("autokill_enabled"), QStringLiteral("tRuE"));
-    m_file.setKey(QStringLiteral("autokill_user"), QStringLiteral("u%2\"é"));
-    m_file.setKey(QStringLiteral("autokill_pwd"), QStringLiteral("secret"));
+    m_server = std::make_unique<HttpServer>(&m_certificates);
+    m_file.setKey("autokill_url"_s, m_server->url());
+    m_file.setKey("autokill_enabled"_s, "tRuE"_s);
+    m_file.setKey("autokill_user"_s, "u%2\"é"_s);
+    m_file.setKey("autokill_pwd"_s, "secret"_s);
 }
 
-void TestAutoKill::logsInAndFetches()
+void TestAutoKill::logsInFetchesAndForgets()
 {
-    HttpServer server(&m_certificates);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    server.answer = [](const HttpServer::Request &request) {
-        return HttpServer::Answer{
-            200, "OK", request.method == "POST" ? R"({"accessToken":"t0k%1"})" : QByteArray(threeRadios)};
-    };
+    m_server->answers[loginPath] = {200, R"({"accessToken":"t0k%1"})"};
+    m_server->answers[listPath] = {
+        200, R"({"entities":[{"externalId":"0012345"},{"externalId":"Ab"},{"externalId":"9"}]})"};
     Poller poller;
     poller.start();
-    QTRY_VERIFY(poller.isFlagged(QStringLiteral("Ab")));
-    for (const char *flagged : {"0012345", "9"})
-        QVERIFY(poller.isFlagged(QLatin1String(flagged)));
-    for (const char *other : {"ab", "12345", ""})
-        QVERIFY(!poller.isFlagged(QLatin1String(other)));
+    QTRY_VERIFY(poller.isFlagged("Ab"_s));
+    QVERIFY(poller.isFlagged("0012345"_s) && poller.isFlagged("9"_s));
+    for (const QString &other : {"ab"_s, "12345"_s, QString()})
+        QVERIFY(!poller.isFlagged(other));
 
-    QCOMPARE(server.requests.size(), 2);
-    const HttpServer::Request login = server.requests.first();
-    QCOMPARE(login.path, QByteArray("/api/auth"));
+    QCOMPARE(m_server->requests.size(), 2);
+    const HttpServer::Request login = m_server->requestsTo(loginPath).value(0);
     QCOMPARE(login.body, QByteArray("{\"username\":\"u%2\"é\",\"password\":\"secret\"}"));
     QCOMPARE(login.headers.value("content-type"), QByteArray("application/json"));
     QCOMPARE(login.headers.value("server"), QByteArray("accept:application/json; charset=UTF-8"));
-    const HttpServer::Request query = server.requests.last();
+    const HttpServer::Request query = m_server->requestsTo(listPath).value(0);
     QCOMPARE(query.method, QByteArray("GET"));
-    QCOMPARE(query.path,
-        QByteArray("/api/ressource?limit=100&offset=0&type=dpmr&attributeName=autokill&attributeValue=true"));
     QCOMPARE(query.headers.value("authorization"), QByteArray("Bearer t0k%1"));
     QCOMPARE(query.headers.value("server"), login.headers.value("server"));
 
-    m_file.setKey(QStringLiteral("autokill_enabled"), QStringLiteral("false"));
-    QVERIFY(!poller.isFlagged(QStringLiteral("Ab")));
-}
-
-void TestAutoKill::refreshForgetsUntilTheNextFetch()
-{
-    HttpServer server(&m_certificates);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    server.answer = [](const HttpServer::Request &) { return HttpServer::Answer{200, "OK", threeRadios}; };
-    Poller poller;
-    poller.start();
-    QTRY_VERIFY(poller.isFlagged(QStringLiteral("9")));
-    QCOMPARE(server.requests.last().headers.value("authorization"), QByteArray("Bearer"));
-
+    m_file.setKey("autokill_enabled"_s, "false"_s);
+    QVERIFY(!poller.isFlagged("Ab"_s));
+    m_file.setKey("autokill_enabled"_s, "true"_s);
+    m_server->answers[loginPath] = {200, "<html>"}; // asks for the list all the same, without a token
     poller.refreshNow();
-    QVERIFY(!poller.isFlagged(QStringLiteral("9")));
-    QTRY_VERIFY(poller.isFlagged(QStringLiteral("9")));
+    QVERIFY(!poller.isFlagged("9"_s));
+    QTRY_VERIFY(poller.isFlagged("9"_s));
+    QCOMPARE(m_server->requests.last().headers.value("authorization"), QByteArray("Bearer"));
 }
 
-void TestAutoKill::refusedAnswers_data()
+void TestAutoKill::refusals()
 {
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QByteArray>("reason");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("401") << 401 << QByteArray("Unauthorized") << "Autokill : invalid credentials.";
-    QTest::newRow("500") << 500 << QByteArray("Out of order")
-                         << "AutoKill : Unhandled HTTP response : code= 500  reason= \"Out of order\"";
-    QTest::newRow("no answer") << 0 << QByteArray()
-                               << "AutoKill : Unhandled HTTP response : code= 0  reason= \"\"";
-}
+    const QString unhandled = "AutoKill : Unhandled HTTP response : code= %1  reason= \"%2\""_s;
+    const QPair<HttpServer::Answer, QString> cases[] = {
+        {{401, "{}", "Unauthorized"}, "Autokill : invalid credentials."_s},
+        {{500, "{}", "Out of order"}, unhandled.arg("500"_s, "Out of order"_s)},
+        {{0, {}, {}}, unhandled.arg("0"_s, QString())}, {{200, "no JSON"}, QString()}};
+    for (const auto &[answer, line] : cases) {
+        m_server->otherAnswer = answer;
+        m_server->requests.clear();
+        LogCapture log;
+        Poller poller;
+        poller.start();
+        QTRY_VERIFY(m_server->requests.size() >= (answer.code == 200 ? 2 : 1));
+        QTRY_COMPARE(log.text(), line);
+        QVERIFY(!poller.isFlagged("9"_s) && !poller.isFlagged(QString()));
+    }
 
-void TestAutoKill::refusedAnswers()
-{
-    QFETCH(int, code);
-    QFETCH(QByteArray, reason);
-    QFETCH(QString, line);
-    HttpServer server(&m_certificates);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    server.answer = [=](const HttpServer::Request &) { return HttpServer::Answer{code, reason, "{}"}; };
+    HttpServer older(&m_certificates);
+    older.protocol = QSsl::TlsV1_2;
+    m_file.setKey("autokill_url"_s, older.url());
     LogCapture log;
     Poller poller;
     poller.start();
-    QTRY_COMPARE(log.texts(QtInfoMsg), QStringList(line));
-    QVERIFY(!poller.isFlagged(QStringLiteral("9")));
-    QVERIFY(!poller.isFlagged(QString()));
+    QTRY_COMPARE(log.count("AutoKill : Unhandled HTTP response : code= 0 "_s), 1);
+    QVERIFY(older.requests.isEmpty());
 }
 
 void TestAutoKill::ignoresTheAnswerAfterAnUnexpectedOne()
 {
-    HttpServer server(&m_certificates);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    server.answer = [](const HttpServer::Request &request) {
-        return request.method == "POST" ? HttpServer::Answer{500, "No", {}}
-                                        : HttpServer::Answer{200, "OK", "late"};
-    };
+    m_server->answers[loginPath] = {500, {}, "No"};
+    m_server->answers[listPath] = {200, "late"};
     LogCapture log;
     Poller poller;
     poller.start();
-    QTRY_COMPARE(log.count(QStringLiteral("code= 500")), 1);
+    QTRY_COMPARE(log.count("code= 500"_s), 1);
     poller.fetchNow();
-    QTRY_COMPARE(
-        log.texts(QtInfoMsg).last(), QStringLiteral("Current status :  2  got ignored reply :  \"late\""));
-    QCOMPARE(server.requests.size(), 2);
-}
-
-void TestAutoKill::answersThatAreNoJson()
-{
-    HttpServer server(&m_certificates);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    server.answer = [](const HttpServer::Request &) { return HttpServer::Answer{200, "OK", "<html>"}; };
-    LogCapture log;
-    Poller poller;
-    poller.start();
-    QTRY_COMPARE(server.requests.size(), 2);
-    QCOMPARE(server.requests.last().headers.value("authorization"), QByteArray("Bearer"));
-    QVERIFY(!poller.isFlagged(QString()));
-    QVERIFY(log.texts().isEmpty());
-}
-
-void TestAutoKill::refusesOlderTls()
-{
-    HttpServer server(&m_certificates);
-    server.setProtocol(QSsl::TlsV1_2);
-    m_file.setKey(QStringLiteral("autokill_url"), server.url());
-    LogCapture log;
-    Poller poller;
-    poller.start();
-    QTRY_COMPARE(log.count(QStringLiteral("AutoKill : Unhandled HTTP response : code= 0 ")), 1);
-    QVERIFY(server.requests.isEmpty());
-}
-
-void TestAutoKill::addresses_data()
-{
-    QTest::addColumn<QString>("address");
-    QTest::newRow("http") << "http://127.0.0.1:1";
-    QTest::newRow("no scheme") << "127.0.0.1";
-    QTest::newRow("path") << "https://127.0.0.1:1/api";
-    QTest::newRow("user") << "https://me@127.0.0.1:1";
-    QTest::newRow("port") << "https://127.0.0.1:99999";
-    QTest::newRow("empty") << "";
+    QTRY_VERIFY(log.text(QtInfoMsg).endsWith("\nCurrent status :  2  got ignored reply :  \"late\""_s));
+    QCOMPARE(m_server->requests.size(), 2);
 }
 
 void TestAutoKill::addresses()
 {
-    QFETCH(QString, address);
-    m_file.setKey(QStringLiteral("autokill_url"), address);
-    LogCapture log;
-    Poller poller;
-    poller.start();
-    QCOMPARE(log.texts(),
-        QStringList(QStringLiteral("AutoKill : autokill_url is no https address, nothing is sent.")));
-    QVERIFY(!poller.findChild<QObject *>());
+    for (const QString &address : {"http://127.0.0.1:1"_s, "127.0.0.1"_s, "https://127.0.0.1:1/api"_s,
+             "https://me@127.0.0.1:1"_s, "https://127.0.0.1:99999"_s, ""_s}) {
+        m_file.setKey("autokill_url"_s, address);
+        LogCapture log;
+        Poller poller;
+        poller.start();
+        QCOMPARE(log.text(), "AutoKill : autokill_url is no https address, nothing is sent."_s);
+        QVERIFY(!poller.findChild<QObject *>());
+    }
 }
 
 QTEST_GUILESS_MAIN(TestAutoKill)

@@ -1,23 +1,7 @@
-#include "config/ConfigDatabase.h"
 #include "support/Daemon.h"
 #include "support/HttpServer.h"
-#include "support/TestCredential.h"
+#include "support/PluggedRadio.h"
 #include "support/TestDatabase.h"
-#include "tools/radiosim/SimulatedRadio.h"
-
-#include <QDateTime>
-#include <QDir>
-#include <QHostInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QProcess>
-#include <QRegExp>
-#include <QTcpServer>
-#include <QTemporaryDir>
-#include <QTest>
 
 /// The daemon against the cloud provider's own Pub/Sub emulator, where its package is installed.
 class TestEmulator : public QObject
@@ -30,25 +14,23 @@ private slots:
     void publishedFramesCanBePulled();
 
 private:
-    QJsonObject request(const QByteArray &verb, const QString &path, const QJsonObject &body);
-    QList<QJsonObject> pull();
+    QJsonObject request(const QByteArray &verb, const QString &path, const QJsonObject &body = {});
+    QJsonObject pull(const QString &rawData);
 
     QTemporaryDir m_folder;
     QProcess m_emulator;
     QNetworkAccessManager m_network;
     QString m_url;
+    QMap<QString, QJsonObject> m_messages; // by rawData
 };
 
 void TestEmulator::initTestCase()
 {
     QProcess dpkg;
-    dpkg.start(
-        QStringLiteral("dpkg"), {QStringLiteral("-L"), QStringLiteral("google-cloud-cli-pubsub-emulator")});
+    dpkg.start("dpkg"_s, {"-L"_s, "google-cloud-cli-pubsub-emulator"_s});
     dpkg.waitForFinished();
-    const QString jar = QString::fromUtf8(dpkg.readAllStandardOutput())
-                            .split(QLatin1Char('\n'))
-                            .filter(QRegExp(QStringLiteral("-all\\.jar$")))
-                            .value(0);
+    const QStringList files = QString::fromUtf8(dpkg.readAllStandardOutput()).split(u'\n');
+    const QString jar = files.filter(QRegExp("-all\\.jar$"_s)).value(0);
     if (jar.isEmpty() || !QFile::exists(jar))
         QSKIP("the Pub/Sub emulator is not installed");
 
@@ -56,27 +38,19 @@ void TestEmulator::initTestCase()
     QVERIFY(probe.listen(QHostAddress::LocalHost));
     const QString port = QString::number(probe.serverPort());
     probe.close();
-    m_url = QStringLiteral("http://127.0.0.1:") + port;
+    m_url = "http://127.0.0.1:"_s + port;
     m_emulator.setProcessChannelMode(QProcess::MergedChannels);
     m_emulator.setWorkingDirectory(m_folder.path());
-    m_emulator.start(QStringLiteral("java"),
-        {QStringLiteral("-jar"), jar, QStringLiteral("--host=127.0.0.1"), QStringLiteral("--port=") + port});
+    m_emulator.start("java"_s, {"-jar"_s, jar, "--host=127.0.0.1"_s, "--port="_s + port});
     if (!m_emulator.waitForStarted())
         QSKIP("the Pub/Sub emulator needs java");
     QByteArray printed;
-    QVERIFY2(QTest::qWaitFor(
-                 [&] {
-                     printed += m_emulator.readAll();
-                     return printed.contains("Server started");
-                 },
-                 20000),
-        printed.constData());
+    QTRY_VERIFY_WITH_TIMEOUT((printed += m_emulator.readAll()).contains("Server started"), 20000);
 
-    request("PUT", QStringLiteral("topics/topic"), {});
-    const QJsonObject subscription = request("PUT", QStringLiteral("subscriptions/sub"),
-        {{QStringLiteral("topic"), QStringLiteral("projects/proj/topics/topic")}});
-    QCOMPARE(subscription.value(QLatin1String("name")).toString(),
-        QStringLiteral("projects/proj/subscriptions/sub"));
+    request("PUT", "topics/topic"_s);
+    const QJsonObject subscription =
+        request("PUT", "subscriptions/sub"_s, {{"topic"_s, "projects/proj/topics/topic"_s}});
+    QCOMPARE(subscription.value("name"_s).toString(), "projects/proj/subscriptions/sub"_s);
 }
 
 void TestEmulator::cleanupTestCase()
@@ -87,8 +61,8 @@ void TestEmulator::cleanupTestCase()
 
 QJsonObject TestEmulator::request(const QByteArray &verb, const QString &path, const QJsonObject &body)
 {
-    QNetworkRequest request(QUrl(m_url + QStringLiteral("/v1/projects/proj/") + path));
-    request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
+    QNetworkRequest request(QUrl(m_url + "/v1/projects/proj/"_s + path));
+    request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json"_s);
     const QScopedPointer<QNetworkReply> reply(
         m_network.sendCustomRequest(request, verb, QJsonDocument(body).toJson()));
     if (!QTest::qWaitFor([&] { return reply->isFinished(); }))
@@ -96,80 +70,51 @@ QJsonObject TestEmulator::request(const QByteArray &verb, const QString &path, c
     return QJsonDocument::fromJson(reply->readAll()).object();
 }
 
-QList<QJsonObject> TestEmulator::pull()
+/// The message with this text; empty while it has not come.
+QJsonObject TestEmulator::pull(const QString &rawData)
 {
-    QList<QJsonObject> messages;
-    const QJsonObject answer = request("POST", QStringLiteral("subscriptions/sub:pull"),
-        {{QStringLiteral("maxMessages"), 100}, {QStringLiteral("returnImmediately"), true}});
-    QJsonArray acknowledged;
-    const QJsonArray received = answer.value(QLatin1String("receivedMessages")).toArray();
-    for (const QJsonValue &entry : received) {
-        acknowledged.append(entry[QLatin1String("ackId")]);
-        const QByteArray data = entry[QLatin1String("message")][QLatin1String("data")].toString().toLatin1();
-        messages.append(QJsonDocument::fromJson(QByteArray::fromBase64(data)).object());
+    const QJsonObject answer =
+        request("POST", "subscriptions/sub:pull"_s, {{"maxMessages"_s, 100}, {"returnImmediately"_s, true}});
+    for (const QJsonValue &entry : answer.value("receivedMessages"_s).toArray()) {
+        const QByteArray data = entry["message"_s]["data"_s].toString().toLatin1();
+        const QJsonObject message = QJsonDocument::fromJson(QByteArray::fromBase64(data)).object();
+        m_messages.insert(message.value("rawData"_s).toString(), message);
+        request("POST", "subscriptions/sub:acknowledge"_s, {{"ackIds"_s, QJsonArray{entry["ackId"_s]}}});
     }
-    if (!acknowledged.isEmpty())
-        request("POST", QStringLiteral("subscriptions/sub:acknowledge"),
-            {{QStringLiteral("ackIds"), acknowledged}});
-    return messages;
+    return m_messages.value(rawData);
 }
 
 void TestEmulator::publishedFramesCanBePulled()
 {
     HttpServer tokens;
-    tokens.answer = [](const HttpServer::Request &) {
-        return HttpServer::Answer{200, "OK", R"({"access_token":"t0k"})"};
-    };
+    tokens.otherAnswer.body = R"({"access_token":"t0k"})";
     const TestDatabase file;
-    ConfigDatabase::getInstance(file.path()); // makes the file
-    file.run(QStringLiteral("DELETE FROM data_forwarder"));
-    file.setKey(QStringLiteral("owner_email"), QStringLiteral("chef@example.org"));
-    file.setKey(QStringLiteral("owner_dept"), QStringLiteral("Équipe 4"));
-    file.addForwarder(QStringLiteral("GCP"), m_url, 0,
-        QString::fromLatin1(TestCredential().secret(tokens.url() + QStringLiteral("/token"))),
-        QStringLiteral("topic"));
-    RadioSettings settings;
-    settings.esn = QStringLiteral("30790001");
-    SimulatedRadio radio(settings);
-    QVERIFY(radio.plugIn());
-    file.addStaticRadio(radio.portName(), QStringLiteral("van"));
+    FreshDatabase(file.path());
+    file.run("DELETE FROM data_forwarder"_s);
+    file.setKey("owner_email"_s, "chef@example.org"_s);
+    file.setKey("owner_dept"_s, "Équipe 4"_s);
+    file.addForwarder("GCP"_s, m_url, 0, TestCredential().secret(tokens.url("/token"_s)), "topic"_s);
+    PluggedRadio radio(19200, "30790001"_s);
+    file.addRadio(radio.portName(), "van"_s);
 
     const QDateTime start = QDateTime::currentDateTimeUtc();
     Daemon daemon;
-    daemon.startOn(file.path());
-    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 8, 20000);
-    QVERIFY(radio.hear("*NTF,DPMR,RXVCALL,1,2,3,4,é?>"));
-
-    QList<QJsonObject> messages;
-    const auto findFrame = [&](const QString &rawData) {
-        for (const QJsonObject &message : qAsConst(messages)) {
-            if (message.value(QLatin1String("rawData")).toString() == rawData)
-                return message;
-        }
-        return QJsonObject();
-    };
-    const QString frame = QStringLiteral("*NTF,DPMR,RXVCALL,1,2,3,4,é?>");
-    QTRY_VERIFY((messages += pull(), !findFrame(frame).isEmpty()));
-    QTRY_VERIFY((messages += pull(), !findFrame(QStringLiteral("*GET,INFO,COMMENT,1")).isEmpty()));
-    QJsonObject message = findFrame(frame);
+    daemon.start({"-c"_s, file.path()});
+    QTRY_VERIFY_WITH_TIMEOUT(radio.isIdle(), 20000);
+    const QString frame = "*NTF,DPMR,RXVCALL,1,2,3,4,é?>"_s;
+    QVERIFY(radio.hear(frame.toUtf8()));
+    QJsonObject message;
+    QTRY_VERIFY(!(message = pull(frame)).isEmpty());
     const QDateTime date =
-        QDateTime::fromString(message.take(QLatin1String("transmissionDate")).toString(), Qt::ISODateWithMs);
+        QDateTime::fromString(message.take("transmissionDate"_s).toString(), Qt::ISODateWithMs);
     QVERIFY(date >= start && date <= QDateTime::currentDateTimeUtc());
-    const QJsonObject expected{
-        {QStringLiteral("port"), radio.portName()},
-        {QStringLiteral("portDesc"), QStringLiteral("van")},
-        {QStringLiteral("radioBand"), QStringLiteral("VHF")},
-        {QStringLiteral("radioModel"), QStringLiteral("IC-FR5100")},
-        {QStringLiteral("trx"), QStringLiteral("RX")},
-        {QStringLiteral("rawData"), frame},
-        {QStringLiteral("source"), QHostInfo::localHostName()},
-        {QStringLiteral("owner_email"), QStringLiteral("chef@example.org")},
-        {QStringLiteral("owner_dept"), QStringLiteral("Équipe 4")},
-    };
+    const QJsonObject expected{{"port"_s, radio.portName()}, {"portDesc"_s, "van"_s},
+        {"radioBand"_s, "VHF"_s}, {"radioModel"_s, "IC-FR5100"_s}, {"trx"_s, "RX"_s}, {"rawData"_s, frame},
+        {"source"_s, QHostInfo::localHostName()}, {"owner_email"_s, "chef@example.org"_s},
+        {"owner_dept"_s, "Équipe 4"_s}};
     QCOMPARE(message, expected);
-    QCOMPARE(findFrame(QStringLiteral("*GET,INFO,COMMENT,1")).value(QLatin1String("trx")).toString(),
-        QStringLiteral("TX"));
-    QCOMPARE(daemon.terminate(), 0);
+    QTRY_COMPARE(pull("*GET,INFO,COMMENT,1"_s).value("trx"_s).toString(), "TX"_s);
+    QCOMPARE(daemon.end(), 0);
 }
 
 QTEST_GUILESS_MAIN(TestEmulator)

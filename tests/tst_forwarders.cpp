@@ -1,22 +1,14 @@
-#include "config/ConfigDatabase.h"
-#include "forwarders/DuosDataForwarder.h"
 #include "forwarders/ExtendedRawDataForwarder.h"
 #include "forwarders/FileDataForwarder.h"
 #include "forwarders/RadioModels.h"
 #include "forwarders/RawDataForwarder.h"
 #include "protocol/ActionCommands.h"
-#include "protocol/Frame.h"
 #include "protocol/Notifications.h"
 #include "support/LogCapture.h"
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 
-#include <QElapsedTimer>
-#include <QFile>
-#include <QProcess>
-#include <QTcpServer>
-#include <QTcpSocket>
-#include <QTest>
+#include <QtNetwork>
 
 #include <chrono>
 #include <netinet/in.h>
@@ -25,22 +17,26 @@
 
 namespace {
 
-/// Lets an adapter of its own speak to an output.
-void connectTo(const RecordingLink &link, const DataForwarder &forwarder)
+/// An adapter that speaks to one output.
+class Speaker : public RecordingLink
 {
-    QObject::connect(&link, &RecordingLink::dataReceived, &forwarder, &DataForwarder::forward);
-    QObject::connect(&link, &RecordingLink::dataSent, &forwarder, &DataForwarder::forwardSent);
-}
+public:
+    explicit Speaker(const DataForwarder &forwarder) : RecordingLink("Équipe 1"_s)
+    {
+        connect(this, &RecordingLink::dataReceived, &forwarder, &DataForwarder::forward);
+        connect(this, &RecordingLink::dataSent, &forwarder, &DataForwarder::forwardSent);
+    }
+    void hear(const QByteArray &frame)
+    {
+        emit dataReceived(QSharedPointer<UnsollicitedCommandResponse>::create(nullptr, frame));
+    }
+    void show(const QString &text)
+    {
+        emit dataSent(QSharedPointer<DisplayTextCommand>::create(this, text, 5000));
+    }
+};
 
-QSharedPointer<IcomCommandResponse> frame(const QByteArray &data)
-{
-    return QSharedPointer<UnsollicitedCommandResponse>::create(nullptr, data);
-}
-
-QSharedPointer<IcomCommand> displayCommand(RecordingLink *link, const QString &text)
-{
-    return QSharedPointer<DisplayTextCommand>::create(link, text, 5000);
-}
+const QString localhost = "127.0.0.1"_s;
 
 } // namespace
 
@@ -50,94 +46,62 @@ class TestForwarders : public QObject
 
 private slots:
     void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
-    void radioModels_data();
     void radioModels();
-    void tcpMessages_data();
     void tcpMessages();
     void tcpServerComesGoesAndComesBack();
     void longWaitsForConnectionsLeaveTimeBetweenThem();
     void fileHoldsEveryLine();
-    void fileThatCannotBeOpened();
-    void fileOnAFullDisk();
-    void duosSendsNothing();
+    void filesThatCannotBeWritten();
 
 private:
-    int status(int id) const
-    {
-        return m_file.value(QStringLiteral("SELECT status FROM data_forwarder WHERE ids = %1").arg(id))
-            .toInt();
-    }
+    int status(int id) const { return m_file.forwarderStatus(id); }
 
     TestDatabase m_file;
 };
 
-void TestForwarders::radioModels_data()
-{
-    QTest::addColumn<QString>("esn");
-    QTest::addColumn<QString>("modelAndBand");
-    QTest::addColumn<int>("logLines");
-    const auto row = [](const char *esn, const char *modelAndBand, int logLines) {
-        QTest::newRow(esn) << QString::fromLatin1(esn) << QString::fromLatin1(modelAndBand) << logLines;
-    };
-    row("3798", "ICF-3400 VHF", 0);
-    row("2893", "ICF-3162 VHF", 0);
-    row("3401", "ICF-3262 VHF", 0);
-    row("2894ABC", "ICF-4162 UHF", 0);
-    row("3402", "ICF-4262 UHF", 0);
-    row("2979", "ICF-5062 VHF", 0);
-    row("2980", "ICF-6062 UHF", 0);
-    row("3079", "IC-FR5100 VHF", 0);
-    row("3063", "IC-FR6100 UHF", 0);
-    row("289", "unknown unknown", 2);
-    row(" 2894", "unknown unknown", 2);
-    row("", "unknown unknown", 0);
-}
-
 void TestForwarders::radioModels()
 {
-    QFETCH(QString, esn);
-    QFETCH(QString, modelAndBand);
-    QFETCH(int, logLines);
     LogCapture log;
-    QCOMPARE(getRadioModel(esn) + QLatin1Char(' ') + getRadioBand(esn), modelAndBand);
-    QCOMPARE(log.count(QStringLiteral("Unknown model :  \"%1\"").arg(esn)), logLines);
-}
-
-void TestForwarders::tcpMessages_data()
-{
-    QTest::addColumn<bool>("isExtended");
-    QTest::addColumn<QByteArray>("expected");
-    const QByteArray binary("*NTF,\0\xff", 7);
-    QTest::newRow("RAW") << false << "\x02" + binary + "\x03\x02*SET,UI,TEXT,Hé\x03\x02two\x03";
-    QTest::newRow("ERAW") << true << "Équipe 1|" + binary + "Équipe 1|*SET,UI,TEXT,HéÉquipe 1|two";
+    for (const QString &each : {"3798 ICF-3400 VHF"_s, "2893 ICF-3162 VHF"_s, "3401 ICF-3262 VHF"_s,
+             "2894ABC ICF-4162 UHF"_s, "3402 ICF-4262 UHF"_s, "2979 ICF-5062 VHF"_s, "2980 ICF-6062 UHF"_s,
+             "3079 IC-FR5100 VHF"_s, "3063 IC-FR6100 UHF"_s, " unknown unknown"_s}) {
+        const QString esn = each.section(u' ', 0, 0);
+        QCOMPARE(esn + u' ' + getRadioModel(esn) + u' ' + getRadioBand(esn), each);
+    }
+    QCOMPARE(log.text(), QString());
+    for (const QString &esn : {"289"_s, " 2894"_s}) {
+        QCOMPARE(getRadioModel(esn) + getRadioBand(esn), "unknownunknown"_s);
+        QCOMPARE(log.count("Unknown model :  \"%1\""_s.arg(esn)), 2);
+    }
 }
 
 void TestForwarders::tcpMessages()
 {
-    QFETCH(bool, isExtended);
-    QFETCH(QByteArray, expected);
     QTcpServer server;
     QVERIFY(server.listen(QHostAddress::LocalHost));
-    const int id =
-        m_file.addForwarder(QStringLiteral("RAW"), QStringLiteral("127.0.0.1"), server.serverPort());
-    const QScopedPointer<DataForwarder> forwarder(isExtended
-            ? static_cast<DataForwarder *>(new ExtendedRawDataForwarder(nullptr, id))
-            : new RawDataForwarder(nullptr, id));
-    QCOMPARE(status(id), 0);
-    RecordingLink link(QStringLiteral("Équipe 1"));
-    connectTo(link, *forwarder);
-    emit link.dataReceived(frame("lost: not connected yet"));
+    const QByteArray binary("*NTF,\0\xff", 7);
+    for (const bool isExtended : {false, true}) {
+        const int id = m_file.addForwarder("RAW"_s, localhost, server.serverPort());
+        const QScopedPointer<DataForwarder> forwarder(isExtended
+                ? static_cast<DataForwarder *>(new ExtendedRawDataForwarder(nullptr, id))
+                : new RawDataForwarder(nullptr, id));
+        QCOMPARE(status(id), 0);
+        Speaker radio(*forwarder);
+        radio.hear("lost: not connected yet");
 
-    QTRY_VERIFY(server.hasPendingConnections());
-    QTRY_COMPARE(status(id), 3);
-    const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
-    m_file.run(QStringLiteral("UPDATE data_forwarder SET status = 0"));
-    emit link.dataReceived(frame(QByteArray("*NTF,\0\xff", 7)));
-    QCOMPARE(status(id), 3);
-    emit link.dataSent(displayCommand(&link, QStringLiteral("Hé")));
-    emit link.dataReceived(frame("two"));
-    QByteArray received;
-    QTRY_COMPARE((received += client->readAll()), expected);
+        QTRY_VERIFY(server.hasPendingConnections());
+        QTRY_COMPARE(status(id), 3);
+        const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
+        m_file.run("UPDATE data_forwarder SET status = 0"_s);
+        radio.hear(binary);
+        QCOMPARE(status(id), 3);
+        radio.show("Hé"_s);
+        radio.hear("two");
+        const QByteArray expected = isExtended ? "Équipe 1|" + binary + "Équipe 1|*SET,UI,TEXT,HéÉquipe 1|two"
+                                               : "\x02" + binary + "\x03\x02*SET,UI,TEXT,Hé\x03\x02two\x03";
+        QTRY_COMPARE(client->bytesAvailable(), expected.size());
+        QCOMPARE(client->readAll(), expected);
+    }
 }
 
 void TestForwarders::tcpServerComesGoesAndComesBack()
@@ -146,38 +110,36 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     QVERIFY(server.listen(QHostAddress::LocalHost));
     const quint16 port = server.serverPort();
     server.close();
-    const int id = m_file.addForwarder(QStringLiteral("RAW"), QStringLiteral("127.0.0.1"), port);
+    const int id = m_file.addForwarder("RAW"_s, localhost, port);
     LogCapture log;
     RawDataForwarder forwarder(nullptr, id);
-    RecordingLink link;
-    connectTo(link, forwarder);
+    Speaker radio(forwarder);
 
     QTRY_COMPARE(status(id), 4);
-    const QString prefix = QStringLiteral("[ \"127.0.0.1\" : %1 ]").arg(port);
-    QCOMPARE(log.texts(QtInfoMsg),
-        (QStringList{
-            prefix + QStringLiteral(" : erreur de la socket :  QAbstractSocket::ConnectionRefusedError"),
-            prefix
-                + QStringLiteral("  QAbstractSocket::ConnectionRefusedError  -  \"Connection refused\"")}));
+    const QString prefix = "[ \"127.0.0.1\" : %1 ]"_s.arg(port);
+    QCOMPARE(log.text(QtInfoMsg),
+        prefix + " : erreur de la socket :  QAbstractSocket::ConnectionRefusedError\n"_s + prefix
+            + "  QAbstractSocket::ConnectionRefusedError  -  \"Connection refused\""_s);
 
     QVERIFY(server.listen(QHostAddress::LocalHost, port));
     log.clear();
     QTRY_COMPARE(status(id), 3);
-    QCOMPARE(log.texts(), QStringList(prefix + QStringLiteral(" socket connected")));
+    QCOMPARE(log.text(), prefix + " socket connected"_s);
     QTRY_VERIFY(server.hasPendingConnections());
     delete server.nextPendingConnection();
     QTRY_COMPARE(status(id), 4);
-    QVERIFY(log.texts().last().endsWith(
-        QStringLiteral("erreur de la socket :  QAbstractSocket::RemoteHostClosedError")));
-    emit link.dataReceived(frame("lost"));
+    QVERIFY(log.text().endsWith("erreur de la socket :  QAbstractSocket::RemoteHostClosedError"_s));
+    radio.hear("lost");
     QCOMPARE(status(id), 4);
 
     QTRY_COMPARE(status(id), 3);
     QTRY_VERIFY(server.hasPendingConnections());
     const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
-    emit link.dataReceived(frame("back"));
+    radio.hear("back");
     QTRY_COMPARE(client->bytesAvailable(), 6);
-    QCOMPARE(client->readAll(), Frame::wrapped("back"));
+    QCOMPARE(client->readAll(),
+        QByteArray("\x02"
+                   "back\x03"));
 }
 
 void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
@@ -191,8 +153,9 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
     auto *generic = reinterpret_cast<sockaddr *>(&address);
     QVERIFY(::bind(descriptor, generic, size) == 0 && ::listen(descriptor, 0) == 0
         && ::getsockname(descriptor, generic, &size) == 0);
+    const quint16 port = ntohs(address.sin_port);
     QTcpSocket filler;
-    filler.connectToHost(QHostAddress::LocalHost, ntohs(address.sin_port));
+    filler.connectToHost(QHostAddress::LocalHost, port);
     QVERIFY(filler.waitForConnected());
     std::thread server([descriptor] {
         std::this_thread::sleep_for(std::chrono::milliseconds(2700)); // the first output waits since 2 s
@@ -200,9 +163,8 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
             ::accept(descriptor, nullptr, nullptr);
     });
 
-    const QString host = QStringLiteral("127.0.0.1");
-    const int first = m_file.addForwarder(QStringLiteral("RAW"), host, ntohs(address.sin_port));
-    const int second = m_file.addForwarder(QStringLiteral("ERAW"), host, ntohs(address.sin_port));
+    const int first = m_file.addForwarder("RAW"_s, localhost, port);
+    const int second = m_file.addForwarder("ERAW"_s, localhost, port);
     RawDataForwarder raw(nullptr, first);
     ExtendedRawDataForwarder extended(nullptr, second);
     QVERIFY(QTest::qWaitFor([&] { return status(first) == 3; }, 10000));
@@ -216,75 +178,49 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
 
 void TestForwarders::fileHoldsEveryLine()
 {
-    QFile file(m_file.folder() + QStringLiteral("/frames.log"));
+    QFile file(m_file.file("frames.log"_s));
     QVERIFY(file.open(QIODevice::WriteOnly));
     file.write("what an earlier run has left");
     file.close();
-    const int id = m_file.addForwarder(QStringLiteral("FILE"), file.fileName());
+    const int id = m_file.addForwarder("FILE"_s, file.fileName());
     FileDataForwarder forwarder(nullptr, id);
     QCOMPARE(status(id), 3);
     QCOMPARE(file.size(), 0);
 
-    RecordingLink link;
-    connectTo(link, forwarder);
-    m_file.run(QStringLiteral("UPDATE data_forwarder SET status = 0"));
-    emit link.dataReceived(frame("*NTF,é\r"));
+    Speaker radio(forwarder);
+    m_file.run("UPDATE data_forwarder SET status = 0"_s);
+    radio.hear("*NTF,é\r");
     QCOMPARE(status(id), 3);
-    emit link.dataSent(displayCommand(&link, QStringLiteral("Hello")));
-    emit link.dataReceived(frame(QByteArray("a\0b", 3)));
+    radio.show("Hello"_s);
+    radio.hear(QByteArray("A\0B", 3));
     QVERIFY(file.open(QIODevice::ReadOnly)); // while the output still has it open
-    QCOMPARE(file.readAll(),
-        "READ: \x02*NTF,é\r\x03\nWRITE: \x02*SET,UI,TEXT,Hello\x03\n"
-            + QByteArray("READ: \x02"
-                         "a\0b\x03\n",
-                12));
+    const char expected[] = "READ: \x02*NTF,é\r\x03\nWRITE: \x02*SET,UI,TEXT,Hello\x03\nREAD: \2A\0B\x03\n";
+    QCOMPARE(file.readAll(), QByteArray(expected, sizeof expected - 1));
 }
 
-void TestForwarders::fileThatCannotBeOpened()
+void TestForwarders::filesThatCannotBeWritten()
 {
-    const int id =
-        m_file.addForwarder(QStringLiteral("FILE"), m_file.folder() + QStringLiteral("/missing/x.log"));
     LogCapture log;
-    FileDataForwarder forwarder(nullptr, id);
+    const int id = m_file.addForwarder("FILE"_s, m_file.file("missing/x.log"_s));
+    FileDataForwarder nowhere(nullptr, id);
     QCOMPARE(status(id), 4);
-    RecordingLink link;
-    connectTo(link, forwarder);
-    emit link.dataReceived(frame("lost"));
+    Speaker(nowhere).hear("lost");
     QCOMPARE(status(id), 3);
-    QCOMPARE(log.texts(), QStringList(QStringLiteral("erreur lors de l'ouverture du fichier de logs")));
+    QCOMPARE(log.text(), "erreur lors de l'ouverture du fichier de logs"_s);
 
     // A pipe without a reader would block.
-    const QString pipe = m_file.folder() + QStringLiteral("/pipe");
-    QCOMPARE(QProcess::execute(QStringLiteral("mkfifo"), {pipe}), 0);
-    const int pipeId = m_file.addForwarder(QStringLiteral("FILE"), pipe);
+    QCOMPARE(QProcess::execute("mkfifo"_s, {m_file.file("pipe"_s)}), 0);
+    const int pipeId = m_file.addForwarder("FILE"_s, m_file.file("pipe"_s));
     FileDataForwarder refused(nullptr, pipeId);
     QCOMPARE(status(pipeId), 4);
-}
 
-void TestForwarders::fileOnAFullDisk()
-{
-    const int id = m_file.addForwarder(QStringLiteral("FILE"), QStringLiteral("/dev/full"));
-    LogCapture log;
-    FileDataForwarder forwarder(nullptr, id);
-    RecordingLink link;
-    connectTo(link, forwarder);
-    emit link.dataReceived(frame("one"));
-    emit link.dataReceived(frame("two"));
-    QCOMPARE(status(id), 4);
-    QCOMPARE(log.texts(),
-        QStringList(QStringLiteral("Cannot write to \"/dev/full\" : \"No space left on device\"")));
-}
-
-void TestForwarders::duosSendsNothing()
-{
-    const int id = m_file.addForwarder(QStringLiteral("DUOS"), QStringLiteral("nowhere"), 1);
-    DuosDataForwarder forwarder(nullptr, id);
-    QCOMPARE(status(id), 3);
-    RecordingLink link;
-    connectTo(link, forwarder);
-    emit link.dataReceived(frame("one"));
-    emit link.dataSent(displayCommand(&link, QStringLiteral("two")));
-    QCOMPARE(status(id), 3);
+    log.clear();
+    const int fullId = m_file.addForwarder("FILE"_s, "/dev/full"_s);
+    FileDataForwarder full(nullptr, fullId);
+    for (const char *frame : {"one", "two"})
+        Speaker(full).hear(frame);
+    QCOMPARE(status(fullId), 4);
+    QCOMPARE(log.text(), "Cannot write to \"/dev/full\" : \"No space left on device\""_s);
 }
 
 QTEST_GUILESS_MAIN(TestForwarders)

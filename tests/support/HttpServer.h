@@ -1,21 +1,11 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
-#include <QMap>
-#include <QSsl>
-#include <QTcpServer>
-
-#include <functional>
-
-class TestCertificates;
+#include "support/OpenSsl.h"
 
 /// An HTTP/1.1 server on 127.0.0.1 that records requests and answers as it is told; with certificates it
 /// speaks TLS. One request a connection.
 class HttpServer : public QTcpServer
 {
-    Q_OBJECT
-
 public:
     struct Request
     {
@@ -27,25 +17,76 @@ public:
     struct Answer
     {
         int code = 200; ///< 0: the connection is closed without an answer; -1: it stays open without one
-        QByteArray reason = "OK";
         QByteArray body;
+        QByteArray reason = "OK";
     };
 
-    /// Listens at once, on a port of the system's choice unless one is given.
-    explicit HttpServer(const TestCertificates *certificates = nullptr, quint16 port = 0);
+    explicit HttpServer(const TestCertificates *certificates = nullptr) : m_certificates(certificates)
+    {
+        if (!listen(QHostAddress::LocalHost))
+            qFatal("cannot listen: %s", qPrintable(errorString()));
+    }
 
-    QString url() const;
-    void setProtocol(QSsl::SslProtocol protocol) { m_protocol = protocol; }
+    QString url(const QString &path = {}) const
+    {
+        return "%1://127.0.0.1:%2%3"_s.arg(m_certificates ? "https"_s : "http"_s).arg(serverPort()).arg(path);
+    }
+    QList<Request> requestsTo(const QByteArray &path) const
+    {
+        QList<Request> result;
+        std::copy_if(requests.begin(), requests.end(), std::back_inserter(result),
+            [&](const Request &request) { return request.path == path; });
+        return result;
+    }
 
-    std::function<Answer(const Request &)> answer = [](const Request &) { return Answer(); };
+    QSsl::SslProtocol protocol = QSsl::TlsV1_3OrLater;
+    QMap<QByteArray, Answer> answers; ///< by path
+    Answer otherAnswer; ///< for every other path
     QList<Request> requests;
 
 protected:
-    void incomingConnection(qintptr descriptor) override;
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto *socket = new QSslSocket(this);
+        socket->setSocketDescriptor(descriptor);
+        connect(socket, &QSslSocket::readyRead, this, [this, socket] { readRequest(socket); });
+        connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
+        if (m_certificates)
+            m_certificates->encrypt(socket, protocol);
+    }
 
 private:
-    void readRequest(QTcpSocket *socket);
+    void readRequest(QTcpSocket *socket)
+    {
+        const QByteArray received = socket->property("received").toByteArray() + socket->readAll();
+        socket->setProperty("received", received);
+        const int headerEnd = received.indexOf("\r\n\r\n");
+        if (headerEnd == -1)
+            return;
+        QList<QByteArray> lines = received.left(headerEnd).replace("\r\n", "\n").split('\n');
+        const QList<QByteArray> start = lines.takeFirst().split(' ');
+        Request request{start.value(0), start.value(1), {}, received.mid(headerEnd + 4)};
+        for (const QByteArray &line : qAsConst(lines)) {
+            const int colon = line.indexOf(':');
+            request.headers.insert(line.left(colon).toLower(), line.mid(colon + 1).trimmed());
+        }
+        if (request.body.size() < request.headers.value("content-length").toInt())
+            return;
+        requests.append(request);
+        write(socket, answers.value(request.path, otherAnswer));
+    }
+
+    static void write(QTcpSocket *socket, const Answer &answer)
+    {
+        if (answer.code == -1)
+            return;
+        if (answer.code != 0) {
+            socket->write("HTTP/1.1 " + QByteArray::number(answer.code) + ' ' + answer.reason
+                + "\r\nConnection: close\r\nContent-Length: " + QByteArray::number(answer.body.size())
+                + "\r\n\r\n" + answer.body);
+        }
+        socket->disconnectFromHost();
+    }
 
     const TestCertificates *const m_certificates;
-    QSsl::SslProtocol m_protocol = QSsl::TlsV1_3OrLater;
 };
