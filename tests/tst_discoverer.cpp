@@ -37,7 +37,7 @@ class TestDiscoverer : public QObject
 
 private slots:
     void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
-    void init();
+    void cleanup();
     void newPortsAreRegistered();
     void rowsAndBlacklistDecide();
     void staticRows();
@@ -47,11 +47,13 @@ private slots:
 
 private:
     TestDatabase m_file;
+    QScopedPointer<Discoverer> m_discoverer{new Discoverer};
 };
 
-void TestDiscoverer::init()
+void TestDiscoverer::cleanup()
 {
-    QTest::qWait(50); // the adapters of the test before end with their radios
+    QTest::qWait(50); // the adapters end with their radios
+    m_discoverer.reset(new Discoverer);
     for (const QString &table : {"radio_adapters"_s, "data_forwarder"_s, "port_blacklist"_s})
         m_file.run("DELETE FROM "_s + table);
 }
@@ -59,7 +61,7 @@ void TestDiscoverer::init()
 void TestDiscoverer::newPortsAreRegistered()
 {
     const PluggedRadio radio;
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{"ttyUSB3"_s, radio.portName()};
     for (int scans = 0; scans < 2; ++scans)
         discoverer.scan();
@@ -80,7 +82,7 @@ void TestDiscoverer::rowsAndBlacklistDecide()
     m_file.addRadio(blocked.portName());
     m_file.addRadio(blocked.slavePath()); // another name of the same device
     m_file.run("INSERT INTO port_blacklist (port) VALUES (?)"_s, {blocked.portName()});
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{disabled.portName(), twice.portName(), blocked.portName()};
     discoverer.scan();
     QVERIFY(isOpen(twice) && !isOpen(disabled) && !isOpen(blocked));
@@ -108,7 +110,7 @@ void TestDiscoverer::staticRows()
     for (const QString &noDevice : {"pts/none"_s, QString(), m_file.path()})
         m_file.addRadio(noDevice);
     LogCapture log;
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.scan();
     QVERIFY(isOpen(byName) && isOpen(byPath));
     QVERIFY(!isOpen(disabled) && !isOpen(lastDisabled) && !isOpen(otherMethod));
@@ -122,7 +124,7 @@ void TestDiscoverer::aDeviceIsDrivenOnce()
     QVERIFY(radio.setLink(m_file.file("link"_s)));
     m_file.addRadio(radio.portName(), "name"_s);
     m_file.addRadio(radio.link(), "link"_s);
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     for (int scans = 0; scans < 2; ++scans)
         discoverer.scan();
     QVERIFY(m_file.waitFor("SELECT name FROM radio_adapters WHERE status = 1"_s, "name"_s));
@@ -135,7 +137,7 @@ void TestDiscoverer::aDeviceIsDrivenOnce()
 void TestDiscoverer::portThatCannotBeOpenedIsTriedAgain()
 {
     LogCapture log;
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     discoverer.ports = QStringList{"pts/none"_s, "pts/none"_s}; // as a row that names it once more would
     for (int scans = 1; scans <= 3; ++scans) {
         discoverer.scan();
@@ -150,7 +152,7 @@ void TestDiscoverer::replugging()
     PluggedRadio radio;
     QVERIFY(radio.setLink(m_file.file("replugged"_s)));
     m_file.addRadio(radio.link());
-    Discoverer discoverer;
+    Discoverer &discoverer = *m_discoverer;
     LogCapture log;
     int filesAfterFirst = 0;
     const QString status = "SELECT status FROM radio_adapters"_s;
