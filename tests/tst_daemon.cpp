@@ -64,7 +64,7 @@ private slots:
 private:
     void addRadio(const QString &name, SimulatedRadio *radio);
 
-    const TestDatabase m_file;
+    TestDatabase m_file;
     Daemon m_daemon;
     PluggedRadio m_fast{19200, "28940001"_s};
     PluggedRadio m_slow{4800, "37980002"_s};
@@ -81,7 +81,7 @@ void TestDaemon::addRadio(const QString &name, SimulatedRadio *radio)
 
 void TestDaemon::initTestCase()
 {
-    FreshDatabase(m_file.path());
+    FreshDatabase made(m_file.path());
     m_cloud.otherAnswer.body = R"({"access_token":"t0k"})";
     m_file.addForwarder("RAW"_s, "127.0.0.1"_s, m_raw.serverPort());
     m_file.addForwarder("ERAW"_s, "127.0.0.1"_s, m_extended.serverPort());

@@ -75,7 +75,7 @@ QJsonObject TestEmulator::pull(const QString &rawData)
 {
     const QJsonObject answer =
         request("POST", "subscriptions/sub:pull"_s, {{"maxMessages"_s, 100}, {"returnImmediately"_s, true}});
-    for (const QJsonValue &entry : answer.value("receivedMessages"_s).toArray()) {
+    for (const QJsonValue entry : answer.value("receivedMessages"_s).toArray()) {
         const QByteArray data = entry["message"_s]["data"_s].toString().toLatin1();
         const QJsonObject message = QJsonDocument::fromJson(QByteArray::fromBase64(data)).object();
         m_messages.insert(message.value("rawData"_s).toString(), message);
@@ -89,7 +89,7 @@ void TestEmulator::publishedFramesCanBePulled()
     HttpServer tokens;
     tokens.otherAnswer.body = R"({"access_token":"t0k"})";
     const TestDatabase file;
-    FreshDatabase(file.path());
+    FreshDatabase made(file.path());
     file.run("DELETE FROM data_forwarder"_s);
     file.setKey("owner_email"_s, "chef@example.org"_s);
     file.setKey("owner_dept"_s, "Équipe 4"_s);

@@ -50,7 +50,7 @@ struct Output
     {
         file.run("UPDATE data_forwarder SET secret = ? WHERE ids = ?"_s, {text, id});
     }
-    void say(const QByteArray &frame) { say(*radio, frame); }
+    void say(const QByteArray &frame) const { say(*radio, frame); }
     static void say(RecordingLink &link, const QByteArray &frame)
     {
         const auto response = QSharedPointer<UnsollicitedCommandResponse>::create(&link, frame);

@@ -123,7 +123,7 @@ private:
 void TestQuillonctl::initTestCase()
 {
     init();
-    FreshDatabase(m_file->path());
+    FreshDatabase made(m_file->path());
     m_newFile = fileBytes();
 }
 
