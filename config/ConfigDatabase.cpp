@@ -87,6 +87,13 @@ private:
     const int m_ids, m_type, m_comment, m_secret, m_context, m_target, m_port, m_enabled, m_status;
 };
 
+/// A file that a lost power supply or a full disk has left empty is as good as none.
+bool isEmptyFile(const QString &path)
+{
+    const QFileInfo file(path);
+    return file.isFile() && file.size() == 0;
+}
+
 } // namespace
 
 /// Keeps the database open for the length of one operation.
@@ -129,17 +136,16 @@ ConfigDatabase::ConfigDatabase(const QString &path) : m_database(addDatabase()),
 
 void ConfigDatabase::openDatabase()
 {
-    // A file that a lost power supply or a full disk has left empty is as good as none.
-    const QFileInfo file(m_path);
-    if (!file.exists() || (file.isFile() && file.size() == 0))
+    if (!QFileInfo::exists(m_path) || isEmptyFile(m_path))
         createDatabase();
     if (!m_database.open()) {
         qInfo() << "Error: connection with database fail";
         QCoreApplication::exit(-1);
     }
     if (m_releaseCheckPending) {
-        checkDatabaseRelease();
         m_releaseCheckPending = false;
+        if (!isEmptyFile(m_path)) // nothing could be stored; migrating it would leave half of the tables
+            checkDatabaseRelease();
     }
 }
 

@@ -5,6 +5,7 @@
 
 #include <QDebug>
 #include <QFile>
+#include <QSqlError>
 #include <QSqlQuery>
 #include <QVariant>
 
@@ -100,11 +101,15 @@ bool ConfigDatabase::createDatabase()
         return false;
     }
     qInfo() << "Database: connection ok : populating fresh data";
+    // All or nothing: a power cut or a full disk on the way leaves an empty file, which counts as none.
+    m_database.transaction();
     initUartBlacklist();
     initSystemConfiguration();
     initAdapters();
     initDataForwarder();
     initPendingActions();
+    if (!m_database.commit())
+        qInfo() << "Database: fresh data could not be stored : " << m_database.lastError();
     m_database.close();
     return true;
 }

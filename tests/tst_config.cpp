@@ -2,6 +2,9 @@
 #include "support/LogCapture.h"
 #include "support/TestDatabase.h"
 
+#include <csignal>
+#include <sys/resource.h>
+
 namespace {
 
 using Statements = QStringList;
@@ -53,6 +56,7 @@ private slots:
     void adapterRows();
     void forwarderRows();
     void deletedOrEmptyFileIsFilled();
+    void fullDiskLeavesNoHalfFile();
     void damagedFileKeepsItsOutputs();
     void failedStatementsNameTheirOperation();
     void lockedFileIsWaitedFor();
@@ -243,6 +247,22 @@ void TestConfig::deletedOrEmptyFileIsFilled()
     database.updateForwarderStatus(1, DataForwarderConfig::Failed);
     QVERIFY(QFile::remove(file.path()));
     QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
+    QCOMPARE(outputs(file), "GCP0"_s);
+}
+
+void TestConfig::fullDiskLeavesNoHalfFile()
+{
+    const TestDatabase file;
+    rlimit unlimited = {};
+    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit twoPages = {8192, unlimited.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &twoPages), 0);
+    FreshDatabase database(file.path());
+    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+    QCOMPARE(QFileInfo(file.path()).size(), 0);
+    QVERIFY(!database.hasPendingActions());
+    QCOMPARE(file.run("SELECT count(*) FROM sqlite_master"_s), "5"_s);
     QCOMPARE(outputs(file), "GCP0"_s);
 }
 
