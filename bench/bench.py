@@ -11,6 +11,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from contextlib import contextmanager
 from datetime import date
 
 import tables
@@ -20,6 +21,7 @@ from trace import trace_frames
 
 LINE_RATE = 70  # frames per second and radio at 38400 bit/s
 PORT = 42100
+CORES = {"a core each": (0, 1), "any core": (None, None)}  # of probe and program, while latency is measured
 
 
 class Gateway:
@@ -107,15 +109,17 @@ class Bench:
         add_radios(daemon.database, links, baud)
         return daemon
 
-    def probe(self, gateway, kind, count, drains=()):
-        """Numbers that the probe prints for this gateway."""
+    def probe(self, gateway, kind, count, drains=(), cores=(None, None)):
+        """Numbers that the probe prints for this gateway; the two may have a core each."""
         ports = [str(port) for port in drains]
         command = [f"{self.arguments.bin}/quillon-probe", kind, gateway.link, gateway.role, str(PORT), str(count)]
-        probe = subprocess.Popen(command + ports, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                 stderr=subprocess.PIPE)
+        with only_on(cores[0]):
+            probe = subprocess.Popen(command + ports, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                     stderr=subprocess.PIPE)
         probe.stderr.readline()
         try:
-            gateway.start(probe)
+            with only_on(cores[1]):
+                gateway.start(probe)
             output = probe.communicate(b"\n", timeout=300)[0]
         finally:
             gateway.stop()
@@ -131,11 +135,13 @@ class Bench:
         rounds = {gateway.name: [] for gateway in gateways + [every]}
         for number in range(self.arguments.rounds):
             for gateway in gateways:
-                latencies = sorted(self.probe(gateway, "latency", self.arguments.samples))
-                seconds = self.probe(gateway, "flood", gateway.flood_frames)[0]
-                rounds[gateway.name].append({"p50": latencies[len(latencies) // 2] / 1000,
-                                             "p99": latencies[len(latencies) * 99 // 100] / 1000,
-                                             "rate": gateway.flood_frames / seconds})
+                figures = {}
+                for where, cores in CORES.items():
+                    latencies = sorted(self.probe(gateway, "latency", self.arguments.samples, cores=cores))
+                    figures[f"p50, {where}"] = latencies[len(latencies) // 2] / 1000
+                    figures[f"p99, {where}"] = latencies[len(latencies) * 99 // 100] / 1000
+                figures["rate"] = gateway.flood_frames / self.probe(gateway, "flood", gateway.flood_frames)[0]
+                rounds[gateway.name].append(figures)
             rounds[every.name].append({"rate": self.flood_every_output(every)})
             say(f"round {number + 1}", {name: rounds[name][-1] for name in rounds})
         self.results["rounds"] = rounds
@@ -244,6 +250,18 @@ class Bench:
         daemon.stop()
         radios.close()
         say("database", self.results["database"])
+
+
+@contextmanager
+def only_on(core):
+    """Programs started meanwhile run on this core alone."""
+    allowed = os.sched_getaffinity(0)
+    if core in allowed:
+        os.sched_setaffinity(0, {core})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, allowed)
 
 
 def wait_until(condition):

@@ -15,19 +15,48 @@ def render(results):
                           ("size", size), ("database", database)):
         if key in results:
             parts.append(renderer(results[key]))
+    if {"comparison", "fleet", "idle"} <= results.keys():
+        parts.append(aims(results["comparison"], results["fleet"], results["idle"]))
     return "\n".join(parts)
+
+
+def aims(medians, radios, idle_figures):
+    """What the figures are held against."""
+    rows = []
+
+    def add(aim, measured, is_met):
+        rows.append([aim, measured, "yes" if is_met else "no"])
+
+    for where in ("a core each", "any core"):
+        for figure, peer, limit in (("p50", "socat", 2), ("p99", "socat", 4), ("p50", "ser2net", 0.1)):
+            ratio = medians["quillon"][f"{figure}, {where}"] / medians[peer][f"{figure}, {where}"]
+            add(f"{figure}, {where}: at most {limit} times {peer}'s", f"{ratio:.2g}", ratio <= limit)
+    for name in ("quillon", "quillon, RAW ERAW FILE"):
+        add(f"{name}: 50 radios of 75 frames/s", f"{medians[name]['rate'] / 75:.0f} radios",
+            medians[name]["rate"] >= 50 * 75)
+    first, last = radios[0], radios[-1]
+    lost = sum(one["lost"] for one in radios)
+    add("radios at line rate: no frame lost", f"{lost}", lost == 0)
+    shares = [one["core"] / one["radios"] for one in (first, last)]
+    add("CPU per radio: no more with many", f"{shares[0]:.2%} with {first['radios']}, {shares[1]:.2%} with "
+        f"{last['radios']}", shares[1] <= shares[0])
+    growth = (last["rss"] - first["rss"]) / max(last["radios"] - first["radios"], 1)
+    add("memory of one more radio: under 0.25 MiB", f"{growth:.2f} MiB", growth < 0.25)
+    add("idle: under 10 CPU seconds per hour", f"{idle_figures['cpu_per_hour']:.1f}", idle_figures["cpu_per_hour"] < 10)
+    add("idle: under 25 MiB", f"{idle_figures['rss']:.1f} MiB", idle_figures["rss"] < 25)
+    return "### Aims\n\n" + table(["aim", "measured", "met"], rows)
 
 
 def comparison(medians):
     def ratio(value, peer, figure):
-        return f"{value / medians[peer][figure]:.2f}"
+        return f"{value / medians[peer][figure]:.2g}"
 
     rows = []
     for name, figures in medians.items():
-        for figure, unit in (("p50", "µs"), ("p99", "µs"), ("rate", "frames/s")):
-            if figure in figures:
-                rows.append([name, figure if unit == "µs" else "highest rate", f"{figures[figure]:,.0f} {unit}",
-                             ratio(figures[figure], "socat", figure), ratio(figures[figure], "ser2net", figure)])
+        for figure, value in figures.items():
+            label, unit = ("highest rate", "frames/s") if figure == "rate" else (figure, "µs")
+            rows.append([name, label, f"{value:,.0f} {unit}",
+                         ratio(value, "socat", figure), ratio(value, "ser2net", figure)])
     return "### Latency and rate\n\n" + table(["program", "figure", "median", "to socat", "to ser2net"], rows)
 
 
