@@ -76,11 +76,12 @@ class Ledger:
             return now
 
     def in_flight_since(self, output, age=5):
-        """When the oldest frame was sent that other outputs got in the last seconds and this one did not yet."""
+        """When the oldest frame was sent that other outputs got in the last seconds and this one may still get."""
         with self._lock:
             now = time.monotonic()
             return min((self.sent[token] for other in self.outputs for token, at in self.received[other].items()
-                        if at > now - age and token not in self.received[output]), default=now)
+                        if at > now - age and token not in self.received[output]
+                        and not self._cause(output, token, self.sent[token])), default=now)
 
     def open_window(self, cause, outputs, radios=None, since=None):
         """From now on, losses at these outputs have a cause; returns a function that ends the window."""

@@ -159,6 +159,7 @@ class Soak:
                 family, next_restart = "daemon", time.monotonic() + self.random.uniform(90, 400)
                 for thread in threads:
                     thread.join()
+                self.let_the_cloud_catch_up()
             if not busy[family].acquire(blocking=False):
                 continue
             kind = self.random.choice(sorted(faults.kinds[family]))
@@ -169,6 +170,12 @@ class Soak:
                 thread.join()
         for thread in threads:
             thread.join()
+
+    def let_the_cloud_catch_up(self):
+        """So that a restart costs no more than what is on its way."""
+        end = time.monotonic() + 60
+        while time.monotonic() < end and self.ledger.in_flight_since("GCP", age=300) < time.monotonic() - 3:
+            time.sleep(0.2)
 
     def throw(self, kind, fault, busy):
         if self.arguments.verbose:

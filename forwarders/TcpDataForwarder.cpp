@@ -14,6 +14,8 @@ constexpr int writeTimeout = 30000;
 constexpr int longWait = 500;
 // Shorter than reconnectDelay: the output that waited goes behind the others.
 constexpr int restAfterLongWait = 1500;
+constexpr int longestRest = 60000;
+constexpr int lateness = 300; // of a timer, beyond which the event loop is busy
 
 /// A configured port beyond the range must not end up at another service.
 quint16 tcpPort(int configured)
@@ -21,11 +23,17 @@ quint16 tcpPort(int configured)
     return configured >= 0 && configured <= 65535 ? quint16(configured) : 0;
 }
 
-/// When some TCP output last ended a long wait for a connection.
-QElapsedTimer &sinceLongWait()
+/// What all TCP outputs share after some of them has waited long for a connection.
+struct Rest
 {
-    static QElapsedTimer clock;
-    return clock;
+    QElapsedTimer sinceWait;
+    QElapsedTimer sinceBusy;
+};
+
+Rest &rest()
+{
+    static Rest shared;
+    return shared;
 }
 
 } // namespace
@@ -42,7 +50,23 @@ TcpDataForwarder::TcpDataForwarder(QObject *parent, int id) : DataForwarder(pare
     connect(&m_socket, &QTcpSocket::connected, this, &TcpDataForwarder::connected);
     // What the server says is of no interest, but it must not pile up.
     connect(&m_socket, &QTcpSocket::readyRead, this, [this] { m_socket.skip(m_socket.bytesAvailable()); });
-    m_reconnectTimer.start(reconnectDelay);
+    tryAgainIn(reconnectDelay);
+}
+
+void TcpDataForwarder::tryAgainIn(int delayMs)
+{
+    m_stillInTime.setRemainingTime(delayMs + lateness);
+    m_reconnectTimer.start(delayMs);
+}
+
+int TcpDataForwarder::restLeft() const
+{
+    if (!rest().sinceWait.isValid() || rest().sinceWait.hasExpired(longestRest))
+        return 0;
+    // A timer that comes late has waited for what the radios said meanwhile to be read: there may be more.
+    if (m_stillInTime.hasExpired())
+        rest().sinceBusy.start();
+    return int(qMax(0LL, restAfterLongWait - rest().sinceBusy.elapsed()));
 }
 
 void TcpDataForwarder::reconnect()
@@ -51,8 +75,8 @@ void TcpDataForwarder::reconnect()
         return;
     // Without a rest the waits of several outputs would follow each other for ever, and the radios' lines
     // would overflow meanwhile.
-    if (sinceLongWait().isValid() && !sinceLongWait().hasExpired(restAfterLongWait)) {
-        m_reconnectTimer.start(int(restAfterLongWait - sinceLongWait().elapsed()));
+    if (const int left = restLeft(); left > 0) {
+        tryAgainIn(left);
         return;
     }
     // A name is looked up beforehand: inside the wait the look-up would block without any limit.
@@ -76,8 +100,10 @@ void TcpDataForwarder::connectBlocking()
     wait.start();
     m_socket.connectToHost(m_target, tcpPort(m_port));
     const bool isConnected = m_socket.waitForConnected(connectTimeout);
-    if (wait.hasExpired(longWait))
-        sinceLongWait().start();
+    if (wait.hasExpired(longWait)) {
+        rest().sinceWait.start();
+        rest().sinceBusy.start();
+    }
     if (!isConnected)
         giveUpAttempt(m_socket.error(), m_socket.errorString());
 }
@@ -87,7 +113,7 @@ void TcpDataForwarder::giveUpAttempt(QAbstractSocket::SocketError socketError, c
     qInfo() << "[" << m_target << ":" << m_port << "] " << socketError << " - " << reason;
     setStatus(DataForwarderConfig::Failed);
     m_connected = false;
-    m_reconnectTimer.start(reconnectDelay);
+    tryAgainIn(reconnectDelay);
 }
 
 void TcpDataForwarder::connected()
@@ -103,7 +129,7 @@ void TcpDataForwarder::error(QAbstractSocket::SocketError socketError)
     m_socket.close();
     m_connected = false;
     setStatus(DataForwarderConfig::Failed);
-    m_reconnectTimer.start(reconnectDelay);
+    tryAgainIn(reconnectDelay);
 }
 
 void TcpDataForwarder::write(const QByteArray &message)
