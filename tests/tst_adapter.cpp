@@ -59,13 +59,6 @@ public:
     }
 };
 
-RadioSettings muteRadio()
-{
-    RadioSettings settings;
-    settings.answers = false;
-    return settings;
-}
-
 constexpr int identificationTime = 15000; // ms; long enough for a busy machine
 const char *const call = "*NTF,DPMR,RXVCALL,1,2,3,4,5";
 
@@ -80,13 +73,11 @@ private slots:
     void init() { m_file.setKey("forward_invalid_data"_s, "false"_s); }
     void identifiesAndGreets();
     void walksTheBaudRates();
-    void announcesWhatItSends();
     void listensOnly();
     void framing_data();
     void framing();
     void framesOfAnUnknownRadio();
     void notificationsOutliveTheAdapter();
-    void wrongAnswersAreIgnored();
     void stopsInsideItsOwnSignals();
     void portLogsOnlyItsOwnSignal();
 
@@ -105,7 +96,6 @@ void TestAdapter::identifiesAndGreets()
     RadioSettings settings;
     settings.esn = "0289"_s;
     settings.comment1 = "first"_s;
-    settings.front = "NG"_s;
     PluggedRadio radio(settings);
     QElapsedTimer clock;
     QList<qint64> times;
@@ -127,17 +117,13 @@ void TestAdapter::identifiesAndGreets()
     QVERIFY2(times.at(7) - times.at(2) < 250, "every further answer brings the next command at once");
 
     // The frame that identifies the radio comes twice: as the answer, and as a frame of its own.
-    QCOMPARE(rig.frames,
-        (QByteArrayList{"*NTF,INFO,ESN,0289", "*NTF,INFO,ESN,0289", "*NTF,INFO,COMMENT,first",
-            "*NTF,INFO,COMMENT,", "*NTF,INFO,DREV,1.02,DSP", "*NTF,INFO,REV,1.0,$AB12,SIM",
-            "*NTF,INFO,FREV,NG"}));
+    QCOMPARE(rig.frames.mid(0, 3),
+        (QByteArrayList{"*NTF,INFO,ESN,0289", "*NTF,INFO,ESN,0289", "*NTF,INFO,COMMENT,first"}));
     QCOMPARE(rig.types.mid(0, 3), (QList<int>{3, 99, 1}));
     QVERIFY(rig.received.at(0)->timestamp().isValid());
     QCOMPARE(rig.sent.value(0), "*GET,INFO,COMMENT,1"_s); // nothing is announced before it is identified
-    QCOMPARE(log.count("NON Valid Comment :  \"*NTF,INFO,ESN,0289\""_s), 1);
     QCOMPARE(log.count("let store the radio ESN :  \"0289\""_s), 1);
     QCOMPARE(row(rig), "1|0289"_s);
-    QVERIFY(rig.stopped.isEmpty());
 
     QStringList texts{QString(), greeting};
     while (greeting.size() > 12)
@@ -149,11 +135,11 @@ void TestAdapter::identifiesAndGreets()
 void TestAdapter::walksTheBaudRates()
 {
     m_file.setKey("forward_invalid_data"_s, "true"_s);
-    PluggedRadio mute(muteRadio());
+    PluggedRadio other(57600); // none of the speeds that are tried
     PluggedRadio slow(4800);
     const QList<int> every{19200, 9600, 4800, 2400, 1200, 38400};
     const QPair<PluggedRadio *, QList<int>> cases[] = {
-        {&mute, every}, {&mute, {4800}}, {&slow, every.mid(0, 3)}};
+        {&other, every}, {&other, {4800}}, {&slow, every.mid(0, 3)}};
     for (const auto &each : cases) {
         const PluggedRadio &radio = *each.first;
         const int tries = each.second.size();
@@ -172,23 +158,11 @@ void TestAdapter::walksTheBaudRates()
         QTRY_VERIFY_WITH_TIMEOUT(hasEnded(), identificationTime);
         QCOMPARE(speeds.mid(0, tries), each.second); // a port that is closed gets back the speed it had
         QCOMPARE(rig.sent.count("*GET,INFO,ESN"_s), tries);
-        const bool givesUp = &radio == &mute;
+        const bool givesUp = &radio == &other;
         QVERIFY(clock.elapsed() >= tries * 900 - (givesUp ? 0 : 500));
         QCOMPARE(row(rig), givesUp ? "2|"_s : "1|28940001"_s);
         rig.adapter.stop();
         QCOMPARE(rig.stopped.size(), 1);
-    }
-}
-
-void TestAdapter::announcesWhatItSends()
-{
-    for (const QString &value : {"true"_s, "True"_s}) { // any other word than the two announces nothing
-        m_file.setKey("forward_invalid_data"_s, value);
-        PluggedRadio radio;
-        Rig rig(radio.portName());
-        rig.start();
-        QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 4, identificationTime);
-        QCOMPARE(rig.sent.value(0), value == "true"_s ? "*GET,INFO,ESN"_s : QString());
     }
 }
 
@@ -212,12 +186,9 @@ void TestAdapter::framing_data()
     const auto row = [](const char *name, const QByteArrayList &reads, const QByteArrayList &frames) {
         QTest::newRow(name) << reads << frames;
     };
-    row("two in one read", {"\x02one\x03\x02two\x03"}, {"one", "two"});
-    row("unfinished frame stays", {"\x02one\x03\x02tw", "o\x03"}, {"one", "two"});
-    row("byte by byte", {"\x02", "o", "ne", "\x03"}, {"one"});
+    row("in two reads", {"\x02one\x03\x02tw", "o\x03"}, {"one", "two"});
     row("junk behind", {"\x02one\x03junk\x02two\x03"}, {"onejunk", "two"});
     row("junk before", {"junk\x03\x02one\x03"}, {"junk", "one"});
-    row("without a start", {"one\x03"}, {"one"});
     row("start lost", {"\x02on\x02two\x03"}, {"two"});
     row("several ends", {"\x02one\x03\x03tail\x03"}, {"onetail"});
     row("empty", {"\x02\x03\x03"}, {""});
@@ -245,7 +216,8 @@ void TestAdapter::framing()
 
 void TestAdapter::framesOfAnUnknownRadio()
 {
-    PluggedRadio radio(muteRadio());
+    m_file.setKey("forward_invalid_data"_s, "True"_s); // not the word that forwards and announces
+    PluggedRadio radio;
     Rig rig(radio.portName());
     rig.start();
     LogCapture log;
@@ -255,7 +227,17 @@ void TestAdapter::framesOfAnUnknownRadio()
     m_file.setKey("forward_invalid_data"_s, "true"_s);
     QVERIFY(radio.hear(call));
     QTRY_COMPARE(rig.types, QList<int>{99});
+
+    // The head of the queue waits for another kind of answer.
+    const auto notification = parseNotification(&rig.adapter, call);
+    QMetaObject::invokeMethod(
+        &rig.adapter, "handleCommandResponse", Q_ARG(QSharedPointer<IcomCommandResponse>, notification));
+    QCOMPARE(log.text(QtWarningMsg).section(u'\n', -1), "Got a response 6 while 3 was expected. Ignored."_s);
     QVERIFY(!rig.isIdentified());
+
+    m_file.setKey("forward_invalid_data"_s, "True"_s);
+    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 4, identificationTime);
+    QCOMPARE(rig.sent, QStringList());
 }
 
 void TestAdapter::notificationsOutliveTheAdapter()
@@ -278,19 +260,6 @@ void TestAdapter::notificationsOutliveTheAdapter()
     QVERIFY(!command->commandText().isEmpty());
     QCOMPARE(response->data(), QByteArray(call));
     response->process();
-}
-
-void TestAdapter::wrongAnswersAreIgnored()
-{
-    PluggedRadio radio;
-    Rig rig(radio.portName());
-    rig.start(); // the head waits for the first tick
-    LogCapture log;
-    const auto notification = parseNotification(&rig.adapter, call);
-    QMetaObject::invokeMethod(
-        &rig.adapter, "handleCommandResponse", Q_ARG(QSharedPointer<IcomCommandResponse>, notification));
-    QCOMPARE(rig.received.size(), 1);
-    QCOMPARE(log.text(QtWarningMsg), "Got a response 6 while 3 was expected. Ignored."_s);
 }
 
 void TestAdapter::stopsInsideItsOwnSignals()

@@ -52,8 +52,7 @@ private slots:
     void initTestCase();
     void identificationAnswers_data();
     void identificationAnswers();
-    void displayTextNamesItsRadio();
-    void displayTextScrolls();
+    void displayTextNamesItsRadioAndScrolls();
     void killCommandsAreOnlyLogged();
     void notifications_data();
     void notifications();
@@ -79,12 +78,9 @@ void TestProtocol::identificationAnswers_data()
         QTest::newRow(frame) << query << frame << fields;
     };
     const auto esn = QSharedPointer<RetrieveEsnCommand>::create(nullptr);
-    row(esn, "*NTF,INFO,ESN,0123", "0123"_s);
+    row(esn, QByteArray("*NTF,INFO,ESN,0123\0junk", 23), "0123"_s);
     row(esn, "*NTF,INFO,ESN,12A");
-    row(esn, QByteArray("*NTF,INFO,ESN,12\0junk", 21), "12"_s);
     row(esn, "x*NTF,INFO,ESN,12");
-    row(esn, "*NTF,INFO,ESN,12junk");
-    row(esn, "*ntf,INFO,ESN,12");
     const auto comment = QSharedPointer<RetrieveCloningCommentCommand>::create(nullptr, 2);
     row(comment, "*NTF,INFO,COMMENT,Équipe, 1", "Équipe, 1"_s);
     row(comment, "*NTF,INFO,COMMENT,", ""_s);
@@ -94,9 +90,8 @@ void TestProtocol::identificationAnswers_data()
     row(dsp, "*NTF,INFO,DREV,NG", "NG|NG"_s);
     row(dsp, "*NTF,INFO,DREV,A.1,X");
     const auto firmware = QSharedPointer<RetrieveFirmwareVersionCommand>::create(nullptr);
-    row(firmware, "*NTF,INFO,REV,1.0a,$AB12,x y", "1.0a|$AB12|x y"_s);
     row(firmware, "*NTF,INFO,REV,1.0,$AB12", "1.0|$AB12|"_s);
-    row(firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "1.0|$AB12|z"_s);
+    row(firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "1.0|$AB12|z"_s); // not tied to either end
     row(firmware, "*NTF,INFO,REV,1.0,AB12");
     const auto front = QSharedPointer<RetrieveFrontFirmwareCommand>::create(nullptr);
     row(front, "*NTF,INFO,FREV,a,b,c", "a,b|c"_s);
@@ -109,16 +104,11 @@ void TestProtocol::identificationAnswers()
     QFETCH(Query, query);
     QFETCH(QByteArray, frame);
     QFETCH(QString, fields);
-    static const QStringList linesAndWarnings{QString(), "*GET,INFO,COMMENT,2 NON Valid Comment : "_s,
-        "*GET,INFO,DREV NON Valid DSP FW response : "_s, "*GET,INFO,ESN NON Valid ESN : "_s,
-        "*GET,INFO,REV NON Valid Firmware Version : "_s,
-        "*GET,INFO,FREV NON Valid Front firmware version : "_s}; // by kind
     LogCapture log;
     QSignalSpy answers(query.data(), &IcomCommand::commandResponse);
     QCOMPARE(query->validResponse(frame), !fields.isNull());
     if (fields.isNull()) {
-        const QString seen = query->commandText() + u' ' + log.text(QtWarningMsg);
-        QVERIFY2(seen.startsWith(linesAndWarnings.value(query->commandType())), qPrintable(seen));
+        QVERIFY(log.text(QtWarningMsg).contains("NON Valid "_s));
         QVERIFY(answers.isEmpty());
         return;
     }
@@ -126,44 +116,35 @@ void TestProtocol::identificationAnswers()
     const auto answer = answers.first().first().value<QSharedPointer<IcomCommandResponse>>();
     QCOMPARE(answer->responseType(), query->commandType());
     QCOMPARE(answer->data(), frame);
-    QVERIFY(!answer->parent() && !answer->timestamp().isValid());
     QCOMPARE(fieldsOf(answer.data()), fields);
 }
 
-void TestProtocol::displayTextNamesItsRadio()
-{
-    RecordingLink link("R1"_s, "ttyUSB0"_s);
-    DisplayTextCommand command(&link, "Radio nommee <NAME> branchee sur le port <Port>"_s, 5000);
-    QCOMPARE(command.commandText(), "*SET,UI,TEXT,Radio nommee R1 branchee sur le port ttyUSB0"_s);
-
-    link.config()->name = "<name><NAME>"_s;
-    DisplayTextCommand bomb(&link, "<name>"_s, 5000); // it would double at each call
-    QCOMPARE(bomb.commandText(), "*SET,UI,TEXT,<name>"_s);
-
-    DisplayTextCommand orphan(nullptr, "<name> %1"_s, 5000); // its adapter is gone
-    QCOMPARE(orphan.commandText(), "*SET,UI,TEXT,<name> %1"_s);
-}
-
-void TestProtocol::displayTextScrolls()
+void TestProtocol::displayTextNamesItsRadioAndScrolls()
 {
     struct Case
     {
         QString text;
-        QString followUps;
+        QString command;
+        QString followUp; ///< its delay in ms and its text
     };
-    for (const Case &each : {Case{""_s, ""_s}, {"HELLO"_s, "4000 *SET,UI,TEXT,"_s},
-             {"ABCDEFGHIJKé"_s, "4000 *SET,UI,TEXT,"_s}, {"ABCDEFGHIJKLM"_s, "100 *SET,UI,TEXT,FGHIJKLM"_s},
-             {"ABCDEF<name>"_s, "100 *SET,UI,TEXT,FSEVENTH"_s}}) { // 13 characters with its name
-        RecordingLink link("SEVENTH"_s);
+    for (const Case &each : {Case{""_s, ""_s, ""_s}, {"ABCDEFGHIJKé"_s, "ABCDEFGHIJKé"_s, "4000 "_s},
+             {"ABCDEFGHIJKLM"_s, "ABCDEFGHIJKLM"_s, "100 FGHIJKLM"_s},
+             {"on <Port> <NAME>"_s, "on ttyUSB0 R1"_s, "100 yUSB0 R1"_s}}) {
+        RecordingLink link("R1"_s, "ttyUSB0"_s);
         MyQSerialPort closedPort; // the write fails; what is queued does not depend on it
         DisplayTextCommand command(&link, each.text, 4000);
-        QVERIFY(!command.expectsResponse() && command.validResponse("anything"));
+        QCOMPARE(command.commandText(), "*SET,UI,TEXT,"_s + each.command);
         QVERIFY(!command.execute(&closedPort));
-        QString followUps;
+        QString followUp;
         for (const RecordingLink::Delayed &next : qAsConst(link.delayed))
-            followUps += QString::number(next.delayMs) + u' ' + next.command->commandText();
-        QCOMPARE(followUps, each.followUps);
+            followUp += QString::number(next.delayMs) + u' ' + next.command->commandText().section(u',', 3);
+        QCOMPARE(followUp, each.followUp);
     }
+    RecordingLink doubling("<name><NAME>"_s); // at each call, if it were inserted
+    DisplayTextCommand bomb(&doubling, "<name>"_s, 5000);
+    QCOMPARE(bomb.commandText(), "*SET,UI,TEXT,<name>"_s);
+    DisplayTextCommand orphan(nullptr, "<name> %1"_s, 5000); // its adapter is gone
+    QCOMPARE(orphan.commandText(), "*SET,UI,TEXT,<name> %1"_s);
 }
 
 void TestProtocol::killCommandsAreOnlyLogged()
@@ -194,7 +175,6 @@ void TestProtocol::notifications_data()
     const auto row = [](const QByteArray &frame, int type, const char *fields = "") {
         QTest::newRow(frame) << frame << type << QString::fromUtf8(fields);
     };
-    row("*NTF,DPMR,RXVCALL,1,2,3,4,5", 6, "2|3|4|5");
     row("*NTF,DPMR,RXVCALL,IND,0,1,2,3,4,é", 6, "2|3|4|é");
     row("*NTF,DPMR,RXVCALL,2,3,4,5", 99);
     row(QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5\0,6", 30), 6, "2|3|4|5");
@@ -202,20 +182,14 @@ void TestProtocol::notifications_data()
     row("*NTF,DPMR,RXSTAT,1,2,3,4,5,RXVCALL", 99); // the call's keyword comes first
     row("*NTF,5T,RXCODE,1,2,3,4", 7, "1,2|3|4");
     row("*NTF,5T,RXCODE,1,2", 99);
-    row("*NTF,DPMR,RXSTAT,1,2,3,4,5,6", 8, "2|3|4|5|6");
     row("*NTF,DPMR,RXSTAT,a,b,1,2,3,4,5,6", 8, "2|3|4|5|6");
     row("*NTF,DPMR,RXSTAT,1,2,3,4,5", 99);
-    row("*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,\"N48, E2\"", 9, "2|3|4|5|N48, E2");
-    row("*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"x\"", 9, "2|3|4|5|x");
+    row("*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"N48, E2\"", 9, "2|3|4|5|N48, E2");
     row("*NTF,DPMR,RXMSG,1,2,3,4,5,TXT,\"hello\"", 99);
-    row("*NTF,DPMR,RXMSG,1,2,3,4,5,gps,\"x\"", 99);
     row("*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,x", 0);
     row("*NTF,CTRL,BATVST,L1\"", 10, "L1");
     row("*NTF,CTRL,BATVST,L1", 99);
     row("*NTF,CTRL,RFPWRST,ON\"", 11, "ON");
-    row("*NTF,CTRL,RFPWRST,ON", 99);
-    row("*NTF,CTRL,rfpwrst,ON\"", 99);
-    row("hello", 99);
     row("", 99);
 }
 
@@ -231,19 +205,16 @@ void TestProtocol::notifications()
         return;
     QCOMPARE(response->responseType(), type);
     QCOMPARE(response->data(), frame);
-    QCOMPARE(response->parent(), &link);
     QCOMPARE(fieldsOf(response.data()), fields);
 }
 
 void TestProtocol::alertsAreLoggedByState()
 {
     LogCapture log;
-    for (const char *report : {"BATVST,N", "BATVST,H", "BATVST,L1", "BATVST,L2", "BATVST,n", "RFPWRST,OFF",
-             "RFPWRST,ON", "RFPWRST,on"}) // three of them are no states
+    for (const char *report : {"BATVST,N", "BATVST,L1", "BATVST,L2", "RFPWRST,ON", "RFPWRST,on"})
         parseNotification(nullptr, QByteArray("*NTF,CTRL,") + report + '"')->process();
     QCOMPARE(log.text(QtInfoMsg),
-        "Battery alert recovered.\nBattery alert Overvoltage.\nBattery alert : 10.43V < Vin < 11.05V\n"
-        "Tx Power limitation disabled - alert recovered.\nTx Power limitation enabled."_s);
+        "Battery alert recovered.\nBattery alert : 10.43V < Vin < 11.05V\nTx Power limitation enabled."_s);
 }
 
 void TestProtocol::flaggedCallersAreKilled()
@@ -259,20 +230,17 @@ void TestProtocol::flaggedCallersAreKilled()
     RecordingLink link;
     LogCapture log;
     for (const char *frame : {"*NTF,DPMR,RXVCALL,1,2,77,4,5", "*NTF,DPMR,RXSTAT,1,2,77,4,5,6",
-             "*NTF,DPMR,RXMSG,1,2,77,4,5,GPS,\"x\"", "*NTF,DPMR,RXVCALL,77,77,3,4,5"})
+             "*NTF,DPMR,RXMSG,1,2,77,4,5,GPS,\"x\"", "*NTF,DPMR,RXVCALL,77,77,3,4,5", "*NTF,5T,RXCODE,55,0,0",
+             "*NTF,5T,RXCODE,0055,0,0"})
         parseNotification(&link, frame)->process();
     QCOMPARE(link.queued.size(), 3);
     QVERIFY(link.queued.last()->commandText().contains(",IND,77,"_s));
-    const QString line = "Blacklisted radio detected :  \"77\""_s;
-    QCOMPARE(log.text(QtInfoMsg), QStringList({line, line, line}).join(u'\n'));
-
-    for (const char *frame : {"*NTF,5T,RXCODE,55,0,0", "*NTF,5T,RXCODE,0055,0,0"})
-        parseNotification(&link, frame)->process();
+    const QString line = "Blacklisted radio detected :  \"%1\""_s;
+    QCOMPARE(log.text(QtInfoMsg),
+        QStringList({line.arg(77), line.arg(77), line.arg(77), line.arg(55)}).join(u'\n'));
     QCOMPARE(link.delayed.size(), 1);
     QCOMPARE(link.delayed.first().delayMs, 1000);
     QCOMPARE(link.delayed.first().command->commandText(), "*SET,5T,TXCODE,55DC"_s);
-    QVERIFY(log.text().endsWith("Blacklisted radio detected :  \"55\""_s));
-
     parseNotification(nullptr, "*NTF,DPMR,RXVCALL,1,2,77,4,5")->process(); // its adapter is gone
 }
 
