@@ -217,7 +217,9 @@ void TestAdapter::framing()
 void TestAdapter::framesOfAnUnknownRadio()
 {
     m_file.setKey("forward_invalid_data"_s, "True"_s); // not the word that forwards and announces
-    PluggedRadio radio;
+    RadioSettings mute;
+    mute.answers = false;
+    PluggedRadio radio(mute);
     Rig rig(radio.portName());
     rig.start();
     LogCapture log;
@@ -236,7 +238,7 @@ void TestAdapter::framesOfAnUnknownRadio()
     QVERIFY(!rig.isIdentified());
 
     m_file.setKey("forward_invalid_data"_s, "True"_s);
-    QTRY_VERIFY_WITH_TIMEOUT(radio.received().size() >= 4, identificationTime);
+    QTRY_VERIFY_WITH_TIMEOUT(!radio.received().isEmpty(), identificationTime);
     QCOMPARE(rig.sent, QStringList());
 }
 
