@@ -161,9 +161,10 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
     const bool waits = status(second) == 0;
     QElapsedTimer clock;
     clock.start();
+    QThread::msleep(2500); // as if a slow computer read meanwhile what the radios said
     QVERIFY(QTest::qWaitFor([&] { return status(second) == 3; }, 10000));
     server.join();
-    QVERIFY2(waits && clock.elapsed() > 1000, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY2(waits && clock.elapsed() > 3500, qPrintable(QString::number(clock.elapsed())));
 }
 
 void TestForwarders::fileHoldsEveryLine()
