@@ -45,54 +45,24 @@ class TestRadiosim : public QObject
     Q_OBJECT
 
 private slots:
-    void answers();
     void otherSpeed();
     void closeAndReopen();
-    void lineRateAndSlowReader();
+    void lineRate();
+    void slowReader();
     void traffic();
     void scripts();
     void badInput();
     void program();
 };
 
-void TestRadiosim::answers()
-{
-    const QByteArrayList queries{"*GET,INFO,ESN", "*GET,INFO,COMMENT,1", "*GET,INFO,COMMENT,2",
-        "*GET,INFO,DREV", "*GET,INFO,REV", "*GET,INFO,FREV", "*SET,UI,TEXT,d\xc3\xa9j\xc3\xa0, vu",
-        "*GET,INFO", "*SET,UI,TEXT,"};
-    const QByteArray answers = esnAnswer + frame("*NTF,INFO,COMMENT,caf\xc3\xa9")
-        + frame("*NTF,INFO,COMMENT,") + frame("*NTF,INFO,DREV,NG") + frame("*NTF,INFO,REV,1.0,$AB12,SIM")
-        + frame("*NTF,INFO,FREV,1.00,FRONT");
-    for (const bool mute : {false, true}) {
-        RadioSettings settings;
-        settings.comment1 = "café"_s;
-        settings.dsp = "NG"_s;
-        settings.answers = !mute;
-        PluggedRadio radio(settings);
-        Port port(radio.portName());
-        for (const QByteArray &query : queries) {
-            port.write(frame(query).left(4)); // a frame in two pieces
-            QTest::qWait(1);
-            port.write(frame(query).mid(4));
-        }
-        QTRY_COMPARE(radio.received(), queries);
-        QCOMPARE(radio.shown, (QStringList{"déjà, vu"_s, QString()}));
-        QVERIFY(radio.hear("end"));
-        const QByteArray expected = (mute ? QByteArray() : answers) + frame("end");
-        QCOMPARE(port.readLike(expected), expected);
-    }
-}
-
 void TestRadiosim::otherSpeed()
 {
     PluggedRadio radio(9600);
     Port port(radio.portName());
-    QCOMPARE(radio.lineSpeed(), 19200);
     port.write(frame("*GET,INFO,ESN"));
     QTRY_COMPARE(port.bytesAvailable(), 3);
     QVERIFY(radio.hear("*NTF,5T,RXCODE,1,2,3"));
-    QTRY_COMPARE(port.bytesAvailable(), 3 + frame("*NTF,5T,RXCODE,1,2,3").size());
-    const QByteArray heard = port.readAll();
+    const QByteArray heard = port.readLike("???" + frame("*NTF,5T,RXCODE,1,2,3"));
     QVERIFY(!heard.contains('\x02') && !heard.contains('\x03') && !heard.contains("NTF"));
     QCOMPARE(radio.received(), QByteArrayList());
 
@@ -119,19 +89,21 @@ void TestRadiosim::closeAndReopen()
     }
 }
 
-void TestRadiosim::lineRateAndSlowReader()
+void TestRadiosim::lineRate()
 {
     RadioSettings settings;
     settings.lineRate = true;
-    settings.baud = 9600;
-    PluggedRadio slow(settings);
-    Port slowPort(slow.portName(), 9600);
+    PluggedRadio radio(settings);
+    Port port(radio.portName());
     QElapsedTimer clock;
     clock.start();
-    QVERIFY(slow.hear(QByteArray(478, 'x')));
-    QTRY_COMPARE(slowPort.bytesAvailable(), 480);
-    QVERIFY2(clock.elapsed() >= 490 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY(radio.hear(QByteArray(478, 'x')));
+    QTRY_COMPARE(port.bytesAvailable(), 480);
+    QVERIFY2(clock.elapsed() >= 245 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+}
 
+void TestRadiosim::slowReader()
+{
     PluggedRadio radio;
     Port port(radio.portName());
     port.setReadBufferSize(1); // the port stops reading, the system's buffer fills
@@ -147,34 +119,30 @@ void TestRadiosim::lineRateAndSlowReader()
 void TestRadiosim::traffic()
 {
     TrafficGenerator traffic;
-    QByteArrayList lines;
-    connect(&traffic, &TrafficGenerator::lineReady, &traffic, [&](const QByteArray &line) {
-        lines.append(line);
-        if (lines.size() == 100)
-            traffic.stop();
-    });
-    traffic.start(800); // more than one for each tick of its timer
+    QSignalSpy lines(&traffic, &TrafficGenerator::lineReady);
     QElapsedTimer clock;
     clock.start();
-    QTRY_COMPARE(lines.size(), 100);
+    traffic.start(800); // more than one for each tick of its timer
+    QTRY_VERIFY(lines.size() >= 100);
     QVERIFY2(clock.elapsed() >= 115 && clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
+    traffic.stop();
+    const int sent = lines.size();
     QTest::qWait(20);
-    QCOMPARE(lines.size(), 100);
-    for (int i = 0; i < 100; ++i)
-        QCOMPARE(TrafficGenerator::numberIn("radio;" + lines.at(i) + ";"), i + 1);
+    QCOMPARE(lines.size(), sent);
+    for (int i = 0; i < sent; ++i)
+        QCOMPARE(TrafficGenerator::numberIn("radio;" + lines.at(i).first().toByteArray() + ";"), i + 1);
     QCOMPARE(TrafficGenerator::numberIn("*NTF,INFO,ESN,28940001,N12"), -1);
 }
 
 void TestRadiosim::scripts()
 {
     const QPair<QByteArray, QString> mistakes[] = {{"# 1\n\n10 A\nsoon B", "file:4: 'soon' is not a delay"_s},
-        {"10 \r\n", "file:1: no text"_s}, {"10 A\\q", "file:1: unknown escape '\\q'"_s},
-        {"10 A\\x4", "file:1: unknown escape '\\x4'"_s}, {"10 !\\", "file:1: unknown escape '\\'"_s}};
+        {"10 \r\n", "file:1: no text"_s}, {"10 A\\x4", "file:1: unknown escape '\\x4'"_s},
+        {"10 !\\", "file:1: unknown escape '\\'"_s}};
     RadioScript script;
     for (const auto &[content, error] : mistakes) {
         QVERIFY(!script.parse(content, "file"_s));
         QVERIFY2(script.errorString().startsWith(error), qPrintable(script.errorString()));
-        QVERIFY(script.steps().isEmpty());
     }
 
     QVERIFY(script.parse(
@@ -184,10 +152,8 @@ void TestRadiosim::scripts()
     Port port(radio.portName());
     connect(&script, &RadioScript::due, &radio, &SimulatedRadio::send);
     script.start();
-    const QByteArray firstHalf = frame("A b\\ # no comment") + "\x02half";
-    QCOMPARE(port.readLike(firstHalf), firstHalf);
-    const QByteArray secondHalf("\0\t\n\r\x03", 5);
-    QCOMPARE(port.readLike(secondHalf), secondHalf);
+    const QByteArray heard = frame("A b\\ # no comment") + "\x02half" + QByteArray("\0\t\n\r\x03", 5);
+    QCOMPARE(port.readLike(heard), heard);
 }
 
 void TestRadiosim::badInput()
@@ -196,15 +162,14 @@ void TestRadiosim::badInput()
              "--esn 28A: '28A' is not a number"_s, "--traffic nan: 'nan' is not a number above 0"_s,
              "--script /no/such: No such file"_s, "--link /no/such: No such file"_s,
              "--link /dev/null exists and is not a symbolic link"_s}) {
-        const QStringList words = each.split(u' ');
         QProcess process;
-        process.start(radiosim, {words.at(0), QString(words.at(1)).remove(u':')});
+        process.start(radiosim, {each.section(u' ', 0, 0), each.section(u' ', 1, 1).remove(u':')});
         QVERIFY(process.waitForFinished());
         QCOMPARE(process.exitCode(), 2);
         const QString printed = QString::fromUtf8(process.readAllStandardError());
-        QVERIFY2(printed.startsWith("quillon-radiosim: "_s), qPrintable(printed));
+        QVERIFY2(
+            printed.startsWith("quillon-radiosim: "_s) && printed.count(u'\n') == 1, qPrintable(printed));
         QVERIFY2(printed.contains(each.section(u' ', 2)), qPrintable(printed));
-        QCOMPARE(printed.count(u'\n'), 1);
     }
 }
 
@@ -225,28 +190,24 @@ void TestRadiosim::program()
         return prints(reply);
     };
     process.start(radiosim,
-        {"--control"_s, "--count"_s, "2"_s, "--link"_s, folder.filePath("r%1"_s), "--esn"_s, "0099"_s});
-    QVERIFY(prints("ESN 0100\n"_s));
-    QVERIFY(printed.contains(
-        "radio 2: %1 (link %2), 19200 bit/s, ESN 0100\n"_s.arg(QFile::symLinkTarget(second), second)));
+        {"--control"_s, "--count"_s, "2"_s, "--link"_s, folder.filePath("r%1"_s), "--esn"_s, "0099"_s,
+            "--comment1"_s, "café"_s});
+    QVERIFY(prints("(link %1), 19200 bit/s, ESN 0100\n"_s.arg(second)));
     QVERIFY(command("baud 4800 2", "radio 2: 4800 bit/s\nok\n"_s));
     Port port(QFile::symLinkTarget(second), 4800);
-    port.write(frame("*SET,UI,TEXT,HI"));
-    QVERIFY(prints("radio 2: received *SET,UI,TEXT,HI\nradio 2: display [HI]\n"_s));
+    port.write(frame("*GET,INFO,COMMENT,1") + frame("*SET,UI,TEXT,d\xc3\xa9j\xc3\xa0, vu"));
+    QVERIFY(prints("radio 2: received *SET,UI,TEXT,déjà, vu\nradio 2: display [déjà, vu]\n"_s));
     QVERIFY(command("hear:2 call", "ok\n"_s) && command("raw:2 \\x02\\0", "ok\n"_s));
-    const QByteArray heard = frame("call") + QByteArray("\x02\0", 2);
-    QCOMPARE(port.readLike(heard), heard);
-    QVERIFY(command("hear call", "error: lost at radio 1\n"_s));
     QVERIFY(command("traffic 200 2", "radio 2: 200 lines/s after line 0\nok\n"_s));
-    const QByteArray traffic = frame("call") + frame(TrafficGenerator::line(1));
-    QVERIFY(port.readLike(traffic).startsWith(traffic));
+    const QByteArray heard = frame("*NTF,INFO,COMMENT,caf\xc3\xa9") + frame("call") + QByteArray("\x02\0", 2)
+        + frame(TrafficGenerator::line(1));
+    QVERIFY(port.readLike(heard).startsWith(heard));
     QVERIFY(command("traffic 0 2", "radio 2: 0 lines/s after line "_s));
     QVERIFY(command("unplug 1", "radio 1: unplugged\nok\n"_s));
     QVERIFY(!QFileInfo(first).isSymLink() && QFileInfo(second).isSymLink());
     QVERIFY(command("plug", "ok\n"_s) && QFileInfo(first).isSymLink());
-    QVERIFY(
-        command("baud 1", "error: unknown speed '1'\n"_s) && command("plug 3", "error: no radio '3'\n"_s));
-    QVERIFY(command("jump", "error: unknown command 'jump'\n"_s));
+    QVERIFY(command("hear call", "error: lost at radio 1\n"_s));
+    QVERIFY(command("plug 3", "error: no radio '3'\n"_s) && command("jump", "error: unknown command"_s));
     process.terminate();
     QVERIFY(process.waitForFinished());
     QCOMPARE(process.exitCode(), 0);
