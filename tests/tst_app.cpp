@@ -42,7 +42,6 @@ private slots:
     void logHandler_data();
     void logHandler();
     void interruptEndsIt();
-    void defaultConfiguration_data();
     void defaultConfiguration();
     void commandLine();
 };
@@ -54,9 +53,7 @@ void TestApp::logHandler_data()
     const auto row = [](const char *name, int type, const char *output) {
         QTest::newRow(name) << type << QByteArray(output);
     };
-    row("debug", QtDebugMsg, "Debug: 50 %s é\nsyslog 7 ostraserialtonetwork (debug): 50 %s é\n");
     row("info", QtInfoMsg, "Info: 50 %s é\nsyslog 6 ostraserialtonetwork (info): 50 %s é\n");
-    row("warning", QtWarningMsg, "Warning: 50 %s é\nsyslog 4 ostraserialtonetwork (warning): 50 %s é\n");
     row("critical", QtCriticalMsg, "Critical: 50 %s é\nsyslog 2 ostraserialtonetwork (critical): 50 %s é\n");
     row("fatal", QtFatalMsg, "Fatal: 50 %s é\nsyslog 1 ostraserialtonetwork (alert): 50 %s é\n");
     row("no such type", 17, "");
@@ -64,7 +61,6 @@ void TestApp::logHandler_data()
 
 void TestApp::logHandler()
 {
-    const QByteArray qemuAborted("qemu: uncaught target signal 6 (Aborted) - core dumped\n");
     QFETCH(int, type);
     QFETCH(QByteArray, output);
     int pipeEnds[2];
@@ -79,9 +75,9 @@ void TestApp::logHandler()
     ::close(pipeEnds[1]);
     QFile standardError;
     QVERIFY(standardError.open(pipeEnds[0], QIODevice::ReadOnly, QFile::AutoCloseHandle));
-    // The second is an emulator's own word on a program that aborts.
-    const QByteArray written = standardError.readAll();
-    QVERIFY2(written == output || written == output + qemuAborted, written);
+    QByteArray written = standardError.readAll();
+    written.replace("qemu: uncaught target signal 6 (Aborted) - core dumped\n", ""); // an emulator's own word
+    QCOMPARE(written, output);
     int status = 0;
     QCOMPARE(::waitpid(child, &status, 0), child);
     QCOMPARE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, type == QtFatalMsg);
@@ -99,29 +95,23 @@ void TestApp::interruptEndsIt()
     QCOMPARE(daemon.waitForExit(), 0);
 }
 
-void TestApp::defaultConfiguration_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QString>("line");
-    QTest::newRow("no option") << QStringList() << "Info: Using default configuration\n";
-    QTest::newRow("empty") << QStringList{"-c"_s, {}} << "Info: Using custom configuration :  \"\"\n";
-}
-
 void TestApp::defaultConfiguration()
 {
-    QFETCH(QStringList, arguments);
-    QFETCH(QString, line);
     const QTemporaryDir folder(QDir::currentPath() + "/default-XXXXXX"_s);
     // Its /tmp is a folder of the test's, as the default file may be in use on this machine; the daemon goes
     // along, in case it was built below /tmp itself.
     const QString shell = "cp \"$1\" '%1/quillon'; mount --bind '%1' /tmp; shift; exec /tmp/quillon \"$@\""_s;
-    Daemon daemon;
-    if (!daemon.startInMountNamespace(shell.arg(folder.path()), arguments))
-        QSKIP("mount namespaces are not allowed here");
-    QVERIFY(daemon.waitForLog("populating fresh data"_s));
-    QVERIFY2(daemon.log().startsWith(line), qPrintable(daemon.log()));
-    QCOMPARE(daemon.end(), 0);
-    QVERIFY(QFile::exists(folder.filePath("ostraForwarder.sqlite"_s)));
+    for (const QStringList &arguments : {QStringList(), QStringList{"-c"_s, {}}}) {
+        Daemon daemon;
+        if (!daemon.startInMountNamespace(shell.arg(folder.path()), arguments))
+            QSKIP("mount namespaces are not allowed here");
+        QVERIFY(daemon.waitForLog("populating fresh data"_s));
+        QVERIFY(
+            daemon.log().startsWith(arguments.isEmpty() ? "Info: Using default configuration\n"_s
+                                                        : "Info: Using custom configuration :  \"\"\n"_s));
+        QCOMPARE(daemon.end(), 0);
+        QVERIFY(QFile::remove(folder.filePath("ostraForwarder.sqlite"_s)));
+    }
 }
 
 void TestApp::commandLine()

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// What came over every connection to a TCP output's server.
+/// What came over every connection to the TCP outputs' server.
 class Listener : public QTcpServer
 {
 public:
@@ -62,38 +62,29 @@ private slots:
     void unusableFiles();
 
 private:
-    void addRadio(const QString &name, SimulatedRadio *radio);
-
     TestDatabase m_file;
     Daemon m_daemon;
     PluggedRadio m_fast{19200, "28940001"_s};
     PluggedRadio m_slow{4800, "37980002"_s};
     HttpServer m_cloud;
-    Listener m_raw;
-    Listener m_extended;
+    Listener m_server;
 };
-
-void TestDaemon::addRadio(const QString &name, SimulatedRadio *radio)
-{
-    QVERIFY(radio->setLink(m_file.file(name)));
-    m_file.addRadio(radio->link(), name);
-}
 
 void TestDaemon::initTestCase()
 {
     FreshDatabase made(m_file.path());
     m_cloud.otherAnswer.body = R"({"access_token":"t0k"})";
-    m_file.addForwarder("RAW"_s, "127.0.0.1"_s, m_raw.serverPort());
-    m_file.addForwarder("ERAW"_s, "127.0.0.1"_s, m_extended.serverPort());
+    m_file.addForwarder("RAW"_s, "127.0.0.1"_s, m_server.serverPort());
+    m_file.addForwarder("ERAW"_s, "127.0.0.1"_s, m_server.serverPort());
     m_file.addForwarder("FILE"_s, m_file.file("frames.log"_s));
     m_file.addForwarder("DUOS"_s);
     m_file.addForwarder("carrier pigeon"_s);
     m_file.addForwarder(
         "GCP"_s, m_cloud.url(), 0, TestCredential().secret(m_cloud.url("/token"_s)), "topic"_s);
-    m_file.run("INSERT INTO data_forwarder SELECT NULL, type, secret, context, comment, target, port, 0, 0"
-               " FROM data_forwarder WHERE type = 'RAW'"_s); // disabled
-    addRadio("fast"_s, &m_fast);
-    addRadio("slow"_s, &m_slow);
+    m_file.run("INSERT INTO data_forwarder (type, enabled, status) VALUES ('DUOS', 0, 0)"_s);
+    QVERIFY(m_fast.setLink(m_file.file("fast"_s)) && m_slow.setLink(m_file.file("slow"_s)));
+    m_file.addRadio(m_fast.link(), "fast"_s);
+    m_file.addRadio(m_slow.link(), "slow"_s);
     m_daemon.start({"-c"_s, m_file.path()});
 }
 
@@ -103,19 +94,16 @@ void TestDaemon::framesReachEveryOutput()
     QCOMPARE(m_file.run("SELECT status, esn FROM radio_adapters"_s), "1|28940001\n1|37980002"_s);
     QVERIFY(m_slow.shown.contains("Radio nommee slow branchee sur le port "_s + m_slow.link()));
 
-    QVERIFY(m_fast.hear("*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-    QTRY_VERIFY(m_raw.received.contains("\x02*NTF,DPMR,RXVCALL,1,2,3,4,5\x03"));
-    QTRY_VERIFY(m_extended.received.contains("fast|*NTF,DPMR,RXVCALL,1,2,3,4,5"));
-    QVERIFY(m_slow.hear("*NTF,5T,RXCODE,1,2,3"));
-    QTRY_VERIFY(m_raw.received.contains("\x02*NTF,5T,RXCODE,1,2,3\x03"));
-    QTRY_VERIFY(m_extended.received.contains("slow|*NTF,5T,RXCODE,1,2,3"));
+    const QByteArray frame("*NTF,5T,RXCODE,1,2,3");
+    QVERIFY(m_fast.hear(frame) && m_slow.hear(frame));
+    for (const QByteArray &radio : {QByteArray("fast|"), QByteArray("slow|")})
+        QTRY_VERIFY(m_server.received.contains(radio + frame));
+    QTRY_COMPARE(m_server.received.count('\x02' + frame + '\x03'), 2);
     QTRY_VERIFY(m_cloud.requestsTo("/v1/projects/proj/topics/topic:publish").size() > 2);
     QTRY_COMPARE(m_file.run("SELECT group_concat(status) FROM data_forwarder"_s), "0,3,3,3,3,0,3,0"_s);
 
-    QFile written(m_file.file("frames.log"_s));
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    const QByteArray lines = written.readAll();
-    QVERIFY(lines.contains("\nREAD: \x02*NTF,5T,RXCODE,1,2,3\x03\n"));
+    const QByteArray lines = m_file.readFile("frames.log"_s);
+    QVERIFY(lines.contains("\nREAD: \x02" + frame + "\x03\n"));
     QVERIFY(lines.contains("\nWRITE: \x02*GET,INFO,COMMENT,1\x03\n"));
 }
 
@@ -151,20 +139,15 @@ void TestDaemon::pendingActionsSteerIt()
 
 void TestDaemon::rebootRunsTheProgramWithoutArguments()
 {
-    const QString stub = m_file.file("sbin"_s);
-    QVERIFY(QDir().mkdir(stub));
-    QFile program(stub + "/reboot"_s);
-    QVERIFY(program.open(QIODevice::WriteOnly));
-    program.write("#!/bin/sh\necho \"rebooted with $# arguments\" >&2\nexit 1\n");
-    program.close();
-    program.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    QVERIFY(QDir(m_file.folder()).mkdir("sbin"_s));
+    m_file.writeFile("sbin/reboot"_s, "#!/bin/sh\necho \"rebooted with $# arguments\" >&2\nexit 1\n");
 
     // The machine's own program is out of reach for the daemon: all of /sbin is this stub.
     const QString shell = "mount --bind '%1' \"$(readlink -f /sbin)\"; test ! -e /sbin/mkfs;"
                           " grep -q 'rebooted with' /sbin/reboot; exec \"$@\""_s;
     m_file.run("INSERT INTO pending_actions (command) VALUES ('REBOOT')"_s);
     Daemon daemon;
-    if (!daemon.startInMountNamespace(shell.arg(stub), {"-c"_s, m_file.path()}))
+    if (!daemon.startInMountNamespace(shell.arg(m_file.file("sbin"_s)), {"-c"_s, m_file.path()}))
         QSKIP("mount namespaces are not allowed here");
     QVERIFY(daemon.waitForLog("rebooted with 0 arguments"_s));
     QCOMPARE(m_file.run("SELECT * FROM pending_actions"_s), QString());
@@ -176,18 +159,15 @@ void TestDaemon::unusableFiles()
     Daemon unopenable;
     unopenable.start({"-c"_s, m_file.file("missing/folder.sqlite"_s)});
 
-    QFile rubbish(m_file.file("rubbish"_s));
-    QVERIFY(rubbish.open(QIODevice::WriteOnly));
-    rubbish.write(QByteArray(3000, '?'));
-    rubbish.close();
+    const QByteArray rubbish(3000, '?');
     Daemon daemon;
-    daemon.start({"-c"_s, rubbish.fileName()});
+    daemon.start({"-c"_s, m_file.writeFile("rubbish"_s, rubbish)});
     QVERIFY(daemon.waitForLog("void ConfigDatabase::resetAdapters()  : error caught : "_s));
     QVERIFY(!daemon.waitForFinished(3000));
     QVERIFY(daemon.log().count("checkDatabaseRelease()  : error caught :  QSqlError("_s) > 2);
-    QVERIFY(rubbish.open(QIODevice::ReadOnly));
-    QCOMPARE(rubbish.readAll(), QByteArray(3000, '?'));
-    QVERIFY(rubbish.remove()); // with a database in its place, the next operation works
+    QCOMPARE(m_file.readFile("rubbish"_s), rubbish);
+    // With a database in its place, the next operation works.
+    QVERIFY(QFile::remove(m_file.file("rubbish"_s)));
     QVERIFY(daemon.waitForLog("populating fresh data"_s));
     QCOMPARE(daemon.end(), 0);
 
