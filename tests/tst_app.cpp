@@ -53,7 +53,9 @@ void TestApp::logHandler_data()
     const auto row = [](const char *name, int type, const char *output) {
         QTest::newRow(name) << type << QByteArray(output);
     };
+    row("debug", QtDebugMsg, "Debug: 50 %s é\nsyslog 7 ostraserialtonetwork (debug): 50 %s é\n");
     row("info", QtInfoMsg, "Info: 50 %s é\nsyslog 6 ostraserialtonetwork (info): 50 %s é\n");
+    row("warning", QtWarningMsg, "Warning: 50 %s é\nsyslog 4 ostraserialtonetwork (warning): 50 %s é\n");
     row("critical", QtCriticalMsg, "Critical: 50 %s é\nsyslog 2 ostraserialtonetwork (critical): 50 %s é\n");
     row("fatal", QtFatalMsg, "Fatal: 50 %s é\nsyslog 1 ostraserialtonetwork (alert): 50 %s é\n");
     row("no such type", 17, "");
