@@ -187,7 +187,8 @@ def make_database(database, control, tools, listener, log_file, pubsub):
 def main():
     parser = argparse.ArgumentParser(description="The daemon at work with two simulated radios.")
     parser.add_argument("--bin", type=pathlib.Path, required=True, help="folder of the built programs")
-    parser.add_argument("--seconds", type=float, help="end after that time; code 0 if both radios were heard")
+    parser.add_argument("--seconds", type=float, default=None if sys.stdin.isatty() else 60,
+                        help="end after that time; code 0 if both radios were heard (60 without a terminal)")
     arguments = parser.parse_args()
     tools = arguments.bin.resolve()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
