@@ -7,23 +7,18 @@
 
 #include <sys/stat.h>
 
-namespace {
-
-/// A named pipe would block the daemon until somebody reads it.
-bool isPipe(const QString &path)
+bool isNamedPipe(const QString &path)
 {
     struct stat status = {};
     return ::stat(QFile::encodeName(path).constData(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
-
-} // namespace
 
 FileDataForwarder::FileDataForwarder(QObject *parent, int id) : DataForwarder(parent, id)
 {
     setStatus(DataForwarderConfig::Idle);
     const QString target = configuration().target;
     m_file.reset(new QFile(target));
-    if (!target.isEmpty() && !isPipe(target)
+    if (!target.isEmpty() && !isNamedPipe(target)
         && m_file->open(QIODevice::WriteOnly | QIODevice::Text | QIODevice::Unbuffered)) {
         setStatus(DataForwarderConfig::Working);
         return;

@@ -4,6 +4,9 @@
 
 #include <QFile>
 
+/// Whether the path names a pipe: writing there would block the daemon until somebody reads.
+bool isNamedPipe(const QString &path);
+
 /// The "FILE" output: every frame and command as one line of a text file, which is truncated at every start.
 /// Each line is handed to the operating system at once.
 class FileDataForwarder : public DataForwarder

@@ -3,6 +3,7 @@
 
 #include <csignal>
 #include <memory>
+#include <sys/stat.h>
 
 namespace {
 
@@ -59,6 +60,8 @@ const Cases refusals{
         "radio remove 99 | forwarder enable 99 | config set nothing 1 | check --user nobody-else"},
     {"is not blocked", "port unblock ttyUSB7"},
     {"does not exist", "forwarder add file /none/log | forwarder add gcp /none --topic abc"},
+    {"is a folder", "forwarder add file ."},
+    {"is a named pipe", "forwarder add file pipe"},
     {"no JSON document", "forwarder add gcp /etc/passwd --topic abc"},
     {"a topic is", "forwarder set 1 --topic 12345"},
     {"an address begins",
@@ -172,6 +175,7 @@ void TestQuillonctl::changesRows()
 
 void TestQuillonctl::refusesAndChangesNothing()
 {
+    QCOMPARE(::mkfifo(QFile::encodeName(m_file->file("pipe"_s)).constData(), 0600), 0);
     QFETCH(QByteArray, expected);
     QFETCH(QString, command);
     QCOMPARE(run(command, "caf\xe9\n"), 2);
