@@ -162,14 +162,7 @@ class Bench:
         self.results["fleet"] = [self.fleet(count) for count in self.arguments.fleets]
 
     def fleet(self, count):
-        sink = TcpSink(len)
-        radios = self.line_rate_radios(count)
-        daemon = self.new_daemon(radios.links)
-        log = f"{self.folder}/fleet.log"
-        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
-        add_output(daemon.database, "FILE", log)
-        daemon.start()
-        wait_for(radios.all_ready, 120, "identified radios")
+        radios, daemon, log = self.identified_radios(count)
         time.sleep(2)
         lines_before = lines_in(log)
         before = daemon.cpu_seconds()
@@ -191,14 +184,19 @@ class Bench:
     def line_rate_radios(self, count):
         return Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, count, baud=38400, line_rate=True)
 
-    def idle(self):
-        radios = self.line_rate_radios(8)
+    def identified_radios(self, count):
+        """Radios, the daemon that has identified them and writes to RAW and FILE, and that file's path."""
+        radios = self.line_rate_radios(count)
         daemon = self.new_daemon(radios.links)
-        sink = TcpSink(len)
-        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
-        add_output(daemon.database, "FILE", f"{self.folder}/idle.log")
+        log = f"{self.folder}/frames.log"
+        add_output(daemon.database, "RAW", "127.0.0.1", TcpSink(len).port)
+        add_output(daemon.database, "FILE", log)
         daemon.start()
-        wait_for(radios.all_ready, 90, "identified radios")
+        wait_for(radios.all_ready, 120, "identified radios")
+        return radios, daemon, log
+
+    def idle(self):
+        radios, daemon, _ = self.identified_radios(8)
         time.sleep(5)
         cpu, wakeups = daemon.cpu_seconds(), daemon.status("voluntary_ctxt_switches")
         time.sleep(self.arguments.idle)
@@ -238,13 +236,7 @@ class Bench:
         self.results["size"] = os.path.getsize(stripped)
 
     def database_work(self):
-        radios = self.line_rate_radios(1)
-        daemon = self.new_daemon(radios.links)
-        sink = TcpSink(len)
-        add_output(daemon.database, "RAW", "127.0.0.1", sink.port)
-        add_output(daemon.database, "FILE", f"{self.folder}/trace.log")
-        daemon.start()
-        wait_for(radios.all_ready, 60, "an identified radio")
+        radios, daemon, _ = self.identified_radios(1)
         time.sleep(1)
         self.results["database"] = trace_frames(daemon, radios, f"{self.folder}/strace")
         daemon.stop()
