@@ -88,10 +88,12 @@ void TcpDataForwarder::reconnect()
 
 void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
 {
-    if (host.error() == QHostInfo::NoError)
-        connectBlocking();
-    else
+    if (host.error() != QHostInfo::NoError)
         giveUpAttempt(QAbstractSocket::HostNotFoundError, host.errorString());
+    else if (const int left = restLeft(); left > 0) // another output has waited meanwhile
+        tryAgainIn(left);
+    else
+        connectBlocking();
 }
 
 void TcpDataForwarder::connectBlocking()

@@ -154,9 +154,9 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
     });
 
     const int first = m_file.addForwarder("RAW"_s, localhost, port);
-    const int second = m_file.addForwarder("ERAW"_s, localhost, port);
+    const int second = m_file.addForwarder("ERAW"_s, "localhost"_s, port);
+    ExtendedRawDataForwarder extended(nullptr, second); // its name is looked up while the first waits
     RawDataForwarder raw(nullptr, first);
-    ExtendedRawDataForwarder extended(nullptr, second);
     QVERIFY(QTest::qWaitFor([&] { return status(first) == 3; }, 10000));
     const bool waits = status(second) == 0;
     QElapsedTimer clock;
