@@ -1,16 +1,11 @@
 #include "forwarders/GcpDataForwarder.h"
 
-#include "config/ConfigDatabase.h"
-#include "config/ConfigKeys.h"
-#include "forwarders/RadioModels.h"
+#include "forwarders/CloudRequests.h"
 #include "forwarders/ServiceAccount.h"
 
+#include <QDateTime>
 #include <QDebug>
-#include <QHostInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QNetworkReply>
-#include <QSslConfiguration>
 #include <QTimer>
 
 namespace {
@@ -23,35 +18,6 @@ constexpr int flushDelay = 1000;
 constexpr int publishTimeout = 120000; // with time for a long list of postponed messages
 
 constexpr int longestAnswer = 1024 * 1024; // bytes
-
-const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
-const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");
-
-/// A target that is a URL names the endpoint, for tests and emulators; any other means the provider's own
-/// host.
-QUrl endpointOf(const QString &target)
-{
-    const bool isUrl =
-        target.startsWith(QLatin1String("https://")) || target.startsWith(QLatin1String("http://"));
-    return QUrl(isUrl ? target : publishedEndpoint);
-}
-
-/// Whether a token can stand in a header: anything else would let its server write requests of its own.
-bool isHeaderText(const QString &text)
-{
-    return std::all_of(
-        text.cbegin(), text.cend(), [](QChar c) { return c > QLatin1Char(' ') && c < QChar(0x7f); });
-}
-
-QNetworkRequest requestTo(const QUrl &url, const QString &contentType)
-{
-    QNetworkRequest request(url);
-    request.setHeader(QNetworkRequest::ContentTypeHeader, contentType);
-    QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
-    tls.setProtocol(QSsl::TlsV1_3OrLater);
-    request.setSslConfiguration(tls);
-    return request;
-}
 
 } // namespace
 
@@ -82,7 +48,7 @@ void GcpDataForwarder::reconnect()
     const DataForwarderConfig config = configuration();
     const ServiceAccount account(config.secret);
     m_topic = config.context;
-    m_endpoint = endpointOf(config.target);
+    m_endpoint = pubSubEndpoint(config.target);
     m_projectId = account.projectId();
     const QByteArray assertion = account.signedAssertion(QDateTime::currentSecsSinceEpoch(), m_tokenLifetime);
     if (assertion.isEmpty()) {
@@ -99,9 +65,7 @@ void GcpDataForwarder::abortReconnect()
 
 void GcpDataForwarder::requestToken(const QString &tokenUri, const QByteArray &assertion)
 {
-    QNetworkReply *reply =
-        m_networkManager->post(requestTo(QUrl(tokenUri), QStringLiteral("application/x-www-form-urlencoded")),
-            "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion);
+    QNetworkReply *reply = m_networkManager->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
     // A server that does not come to an end, in time or in bytes, counts as one that cannot be reached.
     QTimer::singleShot(requestPeriod, reply, &QNetworkReply::abort);
     connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received) {
@@ -129,13 +93,12 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
 
 void GcpDataForwarder::takeToken(const QByteArray &answer)
 {
-    const QJsonObject document = QJsonDocument::fromJson(answer).object();
-    const auto token = document.constFind(QLatin1String("access_token"));
-    if (token == document.constEnd() || !isHeaderText(token->toString())) {
+    const auto token = accessToken(answer);
+    if (!token) {
         qInfo() << "GcpDataForwarder : the answer holds no access token.";
         return;
     }
-    m_bearerToken = token->toString().toUtf8();
+    m_bearerToken = *token;
     m_tokenState = Ready;
 }
 
@@ -151,19 +114,15 @@ void GcpDataForwarder::handleRefusal(int code, const QString &reason)
 
 void GcpDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
 {
-    const QByteArray frame = resp->data();
-    const QString text = QString::fromUtf8(frame.constData(), frame.size()); // with its NUL bytes
-    publishOrPostpone({senderConfig(), QStringLiteral("RX"), text, resp->timestamp()}, &m_postponedFrames);
+    publishOrPostpone(CloudMessage::received(senderConfig(), *resp), &m_postponedFrames);
 }
 
 void GcpDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
 {
-    // The text is taken now, as it is sent: a display text moves on when it is executed.
-    publishOrPostpone({senderConfig(), QStringLiteral("TX"), command->commandText(), command->timestamp()},
-        &m_postponedCommands);
+    publishOrPostpone(CloudMessage::sent(senderConfig(), *command), &m_postponedCommands);
 }
 
-void GcpDataForwarder::publishOrPostpone(const Message &message, QList<Message> *postponed)
+void GcpDataForwarder::publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed)
 {
     if (m_tokenState == Ready) {
         publish(message);
@@ -185,27 +144,11 @@ void GcpDataForwarder::forwardStoredMessages()
         publish(m_postponedCommands.takeFirst());
 }
 
-void GcpDataForwarder::publish(const Message &message)
+void GcpDataForwarder::publish(const CloudMessage &message)
 {
-    ConfigDatabase *database = ConfigDatabase::getInstance();
-    const QVariantMap fields{
-        {QStringLiteral("port"), message.radio->port},
-        {QStringLiteral("portDesc"), message.radio->name},
-        {QStringLiteral("radioBand"), getRadioBand(message.radio->esn)},
-        {QStringLiteral("radioModel"), getRadioModel(message.radio->esn)},
-        {QStringLiteral("trx"), message.direction},
-        {QStringLiteral("rawData"), message.rawData},
-        {QStringLiteral("transmissionDate"), message.timestamp},
-        {QStringLiteral("source"), QHostInfo::localHostName()},
-        {QStringLiteral("owner_email"), database->getSystemConfigurationValue(OWNER_EMAIL_KEY)},
-        {QStringLiteral("owner_dept"), database->getSystemConfigurationValue(OWNER_DEPT_KEY)},
-    };
-    const QByteArray data = ServiceAccount::toBase64Url(
-        QJsonDocument(QJsonObject::fromVariantMap(fields)).toJson(QJsonDocument::Compact));
-
-    QUrl url = m_endpoint;
-    url.setPath(publishPath.arg(m_projectId, m_topic));
-    QNetworkRequest request = requestTo(url, QStringLiteral("application/json"));
+    const QByteArray data = ServiceAccount::toBase64Url(message.toJson());
+    QNetworkRequest request =
+        cloudRequest(publishUrl(m_endpoint, m_projectId, m_topic), QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);
     request.setTransferTimeout(publishTimeout);
     // Single quotes as they are, on purpose.

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "forwarders/CloudMessage.h"
 #include "forwarders/DataForwarder.h"
 
-#include <QDateTime>
 #include <QList>
 #include <QNetworkAccessManager>
 #include <QUrl>
@@ -31,15 +31,6 @@ private slots:
     void abortReconnect();
 
 private:
-    /// One frame or command on its way to the topic.
-    struct Message
-    {
-        QSharedPointer<RadioAdapterConfig> radio;
-        QString direction; ///< "RX" or "TX"
-        QString rawData;
-        QDateTime timestamp;
-    };
-
     enum TokenState {
         NoToken = 0,
         Ready = 1,
@@ -49,8 +40,8 @@ private:
     void requestToken(const QString &tokenUri, const QByteArray &assertion);
     void takeToken(const QByteArray &answer);
     void handleRefusal(int code, const QString &reason);
-    void publishOrPostpone(const Message &message, QList<Message> *postponed);
-    void publish(const Message &message);
+    void publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed);
+    void publish(const CloudMessage &message);
 
     QString m_projectId;
     QString m_topic;
@@ -60,6 +51,6 @@ private:
     const int m_tokenLifetime = 1800; // s
     QScopedPointer<QNetworkAccessManager> m_networkManager;
     TokenState m_tokenState = NoToken;
-    QList<Message> m_postponedFrames;
-    QList<Message> m_postponedCommands;
+    QList<CloudMessage> m_postponedFrames;
+    QList<CloudMessage> m_postponedCommands;
 };

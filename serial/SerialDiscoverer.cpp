@@ -1,11 +1,7 @@
 #include "serial/SerialDiscoverer.h"
 
 #include "config/ConfigDatabase.h"
-#include "forwarders/DuosDataForwarder.h"
-#include "forwarders/ExtendedRawDataForwarder.h"
-#include "forwarders/FileDataForwarder.h"
-#include "forwarders/GcpDataForwarder.h"
-#include "forwarders/RawDataForwarder.h"
+#include "forwarders/ForwarderKinds.h"
 #include "serial/DevicePath.h"
 #include "serial/SerialAdapter.h"
 
@@ -20,36 +16,6 @@
 namespace {
 
 constexpr int scanInterval = 5000; // ms
-
-template <typename Forwarder>
-DataForwarder *newForwarder(int id)
-{
-    return new Forwarder(nullptr, id);
-}
-
-struct ForwarderType
-{
-    QLatin1String type;
-    DataForwarder *(*create)(int id);
-};
-
-const ForwarderType forwarderTypes[] = {
-    {QLatin1String("DUOS"), newForwarder<DuosDataForwarder>},
-    {QLatin1String("FILE"), newForwarder<FileDataForwarder>},
-    {QLatin1String("RAW"), newForwarder<RawDataForwarder>},
-    {QLatin1String("ERAW"), newForwarder<ExtendedRawDataForwarder>},
-    {QLatin1String("GCP"), newForwarder<GcpDataForwarder>},
-};
-
-/// Null for a type that is not known.
-QSharedPointer<DataForwarder> createForwarder(const DataForwarderConfig &config)
-{
-    for (const ForwarderType &known : forwarderTypes) {
-        if (config.type == known.type)
-            return QSharedPointer<DataForwarder>(known.create(config.ids));
-    }
-    return {};
-}
 
 /// Whether the blacklist names the port, or names its device in another way.
 bool isBlacklisted(const QString &portName)

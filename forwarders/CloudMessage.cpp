@@ -1,0 +1,42 @@
+#include "forwarders/CloudMessage.h"
+
+#include "config/ConfigDatabase.h"
+#include "config/ConfigKeys.h"
+#include "forwarders/RadioModels.h"
+#include "protocol/IcomCommand.h"
+#include "protocol/IcomCommandResponse.h"
+
+#include <QHostInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+CloudMessage CloudMessage::received(
+    const QSharedPointer<RadioAdapterConfig> &radio, const IcomCommandResponse &response)
+{
+    const QByteArray frame = response.data();
+    const QString text = QString::fromUtf8(frame.constData(), frame.size()); // with its NUL bytes
+    return {radio, QStringLiteral("RX"), text, response.timestamp()};
+}
+
+CloudMessage CloudMessage::sent(const QSharedPointer<RadioAdapterConfig> &radio, IcomCommand &command)
+{
+    return {radio, QStringLiteral("TX"), command.commandText(), command.timestamp()};
+}
+
+QByteArray CloudMessage::toJson() const
+{
+    ConfigDatabase *database = ConfigDatabase::getInstance();
+    const QVariantMap fields{
+        {QStringLiteral("port"), radio->port},
+        {QStringLiteral("portDesc"), radio->name},
+        {QStringLiteral("radioBand"), getRadioBand(radio->esn)},
+        {QStringLiteral("radioModel"), getRadioModel(radio->esn)},
+        {QStringLiteral("trx"), direction},
+        {QStringLiteral("rawData"), rawData},
+        {QStringLiteral("transmissionDate"), timestamp},
+        {QStringLiteral("source"), QHostInfo::localHostName()},
+        {QStringLiteral("owner_email"), database->getSystemConfigurationValue(OWNER_EMAIL_KEY)},
+        {QStringLiteral("owner_dept"), database->getSystemConfigurationValue(OWNER_DEPT_KEY)},
+    };
+    return QJsonDocument(QJsonObject::fromVariantMap(fields)).toJson(QJsonDocument::Compact);
+}

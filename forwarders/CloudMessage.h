@@ -1,0 +1,30 @@
+#pragma once
+
+#include "config/RadioAdapterConfig.h"
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QSharedPointer>
+#include <QString>
+
+class IcomCommand;
+class IcomCommandResponse;
+
+/// One frame or command on its way to a Pub/Sub topic: what the cloud outputs say about it.
+struct CloudMessage
+{
+    static CloudMessage received(
+        const QSharedPointer<RadioAdapterConfig> &radio, const IcomCommandResponse &response);
+    /// Takes the command's text as it is sent now: a display text moves on when it is executed.
+    static CloudMessage sent(const QSharedPointer<RadioAdapterConfig> &radio, IcomCommand &command);
+
+    /// Ten fields as compact JSON with sorted keys: port, portDesc, radioBand, radioModel, trx, rawData,
+    /// transmissionDate (ISO 8601 with milliseconds, UTC), source (this host's name), owner_email,
+    /// owner_dept.
+    QByteArray toJson() const;
+
+    QSharedPointer<RadioAdapterConfig> radio;
+    QString direction; ///< "RX" or "TX"
+    QString rawData;
+    QDateTime timestamp;
+};
