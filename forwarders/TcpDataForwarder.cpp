@@ -79,21 +79,27 @@ void TcpDataForwarder::reconnect()
         tryAgainIn(left);
         return;
     }
-    // A name is looked up beforehand: inside the wait the look-up would block without any limit.
-    if (QHostAddress(m_target).isNull())
-        QHostInfo::lookupHost(m_target, this, &TcpDataForwarder::connectToFoundHost);
-    else
+    if (!QHostAddress(m_target).isNull()) {
         connectBlocking();
+        return;
+    }
+    // A name is looked up beforehand: inside the wait the look-up would block without any limit. However long
+    // it takes, that says nothing about the event loop.
+    m_stillInTime = QDeadlineTimer(QDeadlineTimer::Forever);
+    QHostInfo::lookupHost(m_target, this, &TcpDataForwarder::connectToFoundHost);
 }
 
 void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
 {
-    if (host.error() != QHostInfo::NoError)
-        giveUpAttempt(QAbstractSocket::HostNotFoundError, host.errorString());
-    else if (const int left = restLeft(); left > 0) // another output has waited meanwhile
+    if (host.error() != QHostInfo::NoError) {
+        // What a socket that looks the name up itself reports, and its text, whatever the resolver's reason.
+        error(QAbstractSocket::HostNotFoundError);
+        giveUpAttempt(QAbstractSocket::HostNotFoundError, QAbstractSocket::tr("Host not found"));
+    } else if (const int left = restLeft(); left > 0) { // another output has waited meanwhile
         tryAgainIn(left);
-    else
+    } else {
         connectBlocking();
+    }
 }
 
 void TcpDataForwarder::connectBlocking()
