@@ -16,6 +16,7 @@
 #include <netdb.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -81,6 +82,7 @@ private slots:
     void longWaitsForConnectionsLeaveTimeBetweenThem();
     void fileHoldsEveryLine();
     void filesThatCannotBeWritten();
+    void pipesNeverBlock();
 
 private:
     template <typename Radio>
@@ -111,7 +113,6 @@ void TestForwarders::checkMessages(const QByteArray &expected)
     radio.hear("lost: not connected yet");
     radio.show("Lost"_s);
     QCOMPARE(radio.status(), 0);
-
     QTRY_COMPARE(radio.status(), 3);
     QTRY_VERIFY(server.hasPendingConnections());
     const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
@@ -166,6 +167,7 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     QElapsedTimer clock;
     clock.start();
     RawOutput radio(m_file, localhost, port);
+    QCOMPARE(radio.status(), 0);
     QTRY_COMPARE(radio.status(), 4);
     QVERIFY2(clock.restart() >= 1900, "the first attempt comes 2 s after the start");
 
@@ -270,6 +272,56 @@ void TestForwarders::filesThatCannotBeWritten()
     QVERIFY(log.text().endsWith("cut.log\" : \"the line was taken only in part\""_s));
     cut.hear("z");
     QVERIFY(m_file.readFile("cut.log"_s).endsWith("xx\3\nREAD: \2z\3\n"));
+}
+
+void TestForwarders::pipesNeverBlock()
+{
+    std::signal(SIGPIPE, SIG_IGN); // as the daemon does
+    const QByteArray path = QFile::encodeName(m_file.file("pipe"_s));
+    int reader = -1;
+    const auto openReader = [&] { // of a small pipe, in the place of an older one
+        ::unlink(path.constData());
+        ::mkfifo(path.constData(), 0600);
+        reader = ::open(path.constData(), O_RDONLY | O_NONBLOCK);
+        ::fcntl(reader, F_SETPIPE_SZ, 4096);
+    };
+    const auto received = [&] {
+        char bytes[9000];
+        return QByteArray(bytes, int(::read(reader, bytes, sizeof bytes)));
+    };
+    const auto line = [](const QByteArray &frame) { return "READ: \2" + frame + "\3\n"; };
+    LogCapture log;
+    openReader();
+    ::close(reader);
+    FileOutput radio(m_file, QFile::decodeName(path));
+    QCOMPARE(radio.status(), 4);
+    QCOMPARE(log.text(), "erreur lors de l'ouverture du fichier de logs"_s);
+    radio.hear("lost");
+    QCOMPARE(radio.status(), 3);
+
+    openReader();
+    log.clear();
+    const QByteArray half(2500, 'h');
+    const QByteArray tooLong(6000, 'l');
+    const std::tuple<QByteArrayList, int, QByteArray> steps[] = {
+        {{"first", half, half}, 4, line("first") + line(half)}, // there is no room for the last one
+        {{tooLong, half}, 4, line(tooLong).left(4096)},
+        {{"next"}, 3, line(tooLong).mid(4096) + line("next")}};
+    for (const auto &[frames, status, bytes] : steps) {
+        std::for_each(frames.begin(), frames.end(), [&](const QByteArray &frame) { radio.hear(frame); });
+        QCOMPARE(radio.status(), status);
+        QCOMPARE(received(), bytes);
+    }
+
+    radio.hear(tooLong);
+    ::close(reader);
+    openReader();
+    radio.hear("lost"); // the reader of the old pipe has left
+    QCOMPARE(radio.status(), 4);
+    radio.hear("back");
+    QCOMPARE(radio.status(), 3);
+    QCOMPARE(received(), line("back"));
+    QCOMPARE(log.count("Cannot write to \"%1\" : "_s.arg(QFile::decodeName(path))), 2);
 }
 
 QTEST_GUILESS_MAIN(TestForwarders)

@@ -61,7 +61,6 @@ const Cases refusals{
     {"is not blocked", "port unblock ttyUSB7"},
     {"does not exist", "forwarder add file /none/log | forwarder add gcp /none --topic abc"},
     {"is a folder", "forwarder add file ."},
-    {"is a named pipe", "forwarder add file pipe"},
     {"no JSON document", "forwarder add gcp /etc/passwd --topic abc"},
     {"a topic is", "forwarder set 1 --topic 12345"},
     {"an address begins",
@@ -175,7 +174,6 @@ void TestQuillonctl::changesRows()
 
 void TestQuillonctl::refusesAndChangesNothing()
 {
-    QCOMPARE(::mkfifo(QFile::encodeName(m_file->file("pipe"_s)).constData(), 0600), 0);
     QFETCH(QByteArray, expected);
     QFETCH(QString, command);
     QCOMPARE(run(command, "caf\xe9\n"), 2);
@@ -362,6 +360,8 @@ void TestQuillonctl::checkReachesServers()
     const QString address = "//127.0.0.1:%1"_s.arg(server.serverPort());
     m_file->run("DELETE FROM data_forwarder"_s);
     m_file->addForwarder("RAW"_s, "127.0.0.1"_s, server.serverPort());
+    QCOMPARE(::mkfifo(QFile::encodeName(m_file->file("pipe"_s)).constData(), 0600), 0);
+    m_file->addForwarder("FILE"_s, m_file->file("pipe"_s));
     m_file->addForwarder(
         "GCP"_s, "http:"_s + address, 0, m_credential.secret("https:"_s + address), "topic"_s);
     QCOMPARE(run("check"_s), 0);

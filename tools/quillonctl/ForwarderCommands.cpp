@@ -167,7 +167,8 @@ void addKindCommand(CLI::App *add, CommandContext &context, const OutputKind &ki
     if (kind.destination == TcpServer)
         command->add_option("TARGET", options->target, "HOST:PORT or [IPv6]:PORT")->required();
     if (kind.destination == LogFile)
-        command->add_option("PATH", options->target, "File in an existing folder")->required();
+        command->add_option("PATH", options->target, "File in an existing folder, or a named pipe")
+            ->required();
     if (kind.destination == PubSub) {
         command->add_option("CREDENTIALS", options->credentials, "Service-account document (JSON)")
             ->required();

@@ -1,6 +1,5 @@
 #include "tools/quillonctl/ServiceUser.h"
 
-#include "forwarders/FileDataForwarder.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/Printer.h"
 
@@ -73,8 +72,6 @@ QString ServiceUser::writeProblem(const QString &path) const
     const QFileInfo info(path);
     if (info.isDir())
         return QStringLiteral("%1 is a folder").arg(path);
-    if (isNamedPipe(path))
-        return QStringLiteral("%1 is a named pipe, which would block the daemon").arg(path);
     if (info.exists())
         return may(Write, path) ? QString()
                                 : QStringLiteral("%1 cannot be written by the user %2").arg(path, m_name);
