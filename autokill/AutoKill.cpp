@@ -10,6 +10,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QSslConfiguration>
+#include <QUrl>
 
 namespace {
 
@@ -18,6 +19,7 @@ const QString loginPath = QStringLiteral("/api/auth");
 const QString resourcesPath =
     QStringLiteral("/api/ressource?limit=%1&offset=0&type=dpmr&attributeName=autokill&attributeValue=true");
 constexpr int resourcesLimit = 100;
+constexpr int requestTimeout = 60000; // ms
 
 bool isServiceAddress(const QUrl &url)
 {
@@ -39,6 +41,12 @@ AutoKill::AutoKill(QObject *parent)
     : QObject(parent), m_userName(UNDEFINED_VALUE), m_password(UNDEFINED_VALUE),
       m_resourcesPath(resourcesPath.arg(resourcesLimit))
 {
+    m_giveUpTimer.setSingleShot(true);
+    m_giveUpTimer.setInterval(requestTimeout);
+    connect(&m_giveUpTimer, &QTimer::timeout, this, [this] {
+        if (m_awaitedReply)
+            m_awaitedReply->abort();
+    });
 }
 
 void AutoKill::start()
@@ -61,18 +69,25 @@ void AutoKill::start()
 
 bool AutoKill::isFlagged(const QString &radioId) const
 {
+    // The list first: it is in memory, and hardly any radio stands on it.
+    if (!m_flaggedRadios.contains(radioId))
+        return false;
     const QString enabled = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
-    return enabled.toUpper() == QLatin1String("TRUE") && m_flaggedRadios.contains(radioId);
+    return enabled.toUpper() == QLatin1String("TRUE");
 }
 
 bool AutoKill::readServiceAddress()
 {
     m_serviceAddress = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_URL_KEY);
-    if (m_serviceAddress == UNDEFINED_VALUE)
+    if (m_serviceAddress == UNDEFINED_VALUE) {
         m_serviceAddress = defaultServiceAddress;
+        qInfo() << "AutoKill : autokill_url is not configured, asking" << m_serviceAddress;
+    }
+    if (m_serviceAddress.endsWith(QLatin1Char('/')))
+        m_serviceAddress.chop(1);
     if (isServiceAddress(QUrl(m_serviceAddress, QUrl::StrictMode)))
         return true;
-    qInfo() << "AutoKill : autokill_url is no https address, nothing is sent.";
+    qInfo() << "AutoKill : autokill_url must be https://host or https://host:port, nothing is sent.";
     return false;
 }
 
@@ -97,27 +112,44 @@ void AutoKill::refresh()
     // Both texts are inserted as they are, in one go, so that a "%2" in the user name stays what it is.
     const QString body =
         QStringLiteral("{\"username\":\"%1\",\"password\":\"%2\"}").arg(m_userName, m_password);
-    m_networkManager->post(request, body.toUtf8());
+    waitFor(m_networkManager->post(request, body.toUtf8()));
 }
 
 void AutoKill::retrieveDeathNote(QString bearer_token)
 {
     QNetworkRequest request = requestTo(m_resourcesPath);
     request.setRawHeader("authorization", QStringLiteral("Bearer %1").arg(bearer_token).toUtf8());
-    m_networkManager->get(request);
+    waitFor(m_networkManager->get(request));
+}
+
+void AutoKill::waitFor(QNetworkReply *reply)
+{
+    QNetworkReply *overtaken = m_awaitedReply;
+    m_awaitedReply = reply;
+    m_giveUpTimer.start();
+    if (overtaken) // it would keep one of the few connections to the service busy
+        overtaken->abort();
 }
 
 void AutoKill::replyFinished(QNetworkReply *reply)
 {
     reply->deleteLater();
-    const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    if (reply != m_awaitedReply)
+        return;
+    m_awaitedReply = nullptr;
+    // Of an answer that came too slowly there may be a beginning, which does not count.
+    const bool isGivenUp = reply->error() == QNetworkReply::OperationCanceledError;
+    const auto attribute = [&](QNetworkRequest::Attribute each) {
+        return isGivenUp ? QVariant() : reply->attribute(each);
+    };
+    const int code = attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     if (code == 401) {
         qInfo() << "Autokill : invalid credentials.";
         return;
     }
     if (code != 200) {
         qInfo() << "AutoKill : Unhandled HTTP response : code=" << code
-                << " reason=" << reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
+                << " reason=" << attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
         m_state = UnexpectedAnswer;
         return;
     }

@@ -2,16 +2,18 @@
 
 #include <QNetworkRequest>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 #include <QStringList>
 #include <QTimer>
-#include <QUrl>
 
 class QNetworkAccessManager;
 class QNetworkReply;
 
 /// Keeps the list of radios that a resource-management web service flags for automatic kill.
 /// Every five minutes it logs in over HTTPS (TLS 1.3 or later), receives a bearer token and fetches the list.
+/// Each of the two requests is given up after 60 s, which counts as a network error, and ends without a word
+/// when the next cycle begins.
 class AutoKill : public QObject
 {
     Q_OBJECT
@@ -21,7 +23,8 @@ public:
     static AutoKill *getInstance();
 
     /// Reads address and credentials from the configuration and logs in at once, then every five minutes.
-    /// An address that is no "https://host" or "https://host:port" is logged, and nothing is sent.
+    /// An address other than "https://host" or "https://host:port", perhaps with a slash at its end, is
+    /// logged, and nothing is sent.
     void start();
     /// Whether the radio stands on the list that was fetched last, and the feature is enabled right now.
     bool isFlagged(const QString &radioId) const;
@@ -43,6 +46,7 @@ private:
 
     bool readServiceAddress();
     QNetworkRequest requestTo(const QString &pathAndQuery) const;
+    void waitFor(QNetworkReply *reply);
     void handleOkAnswer(QNetworkReply *reply);
 
     QString m_userName;
@@ -51,7 +55,9 @@ private:
     const QString m_resourcesPath;
     QString m_serviceAddress; // scheme, host and port
     QStringList m_flaggedRadios;
-    QTimer m_refreshTimer;
+    QTimer m_refreshTimer{this};
+    QTimer m_giveUpTimer{this};
     QNetworkAccessManager *m_networkManager = nullptr;
+    QPointer<QNetworkReply> m_awaitedReply; // of the latest request; no other one counts
     State m_state = WaitingForLogin;
 };

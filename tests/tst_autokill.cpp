@@ -30,6 +30,7 @@ private slots:
     void init();
     void logsInFetchesAndForgets();
     void refusals();
+    void overtakenCyclesSayNothing();
     void addresses();
 
 private:
@@ -41,7 +42,7 @@ private:
 void TestAutoKill::init()
 {
     m_server = std::make_unique<HttpServer>(&m_certificates);
-    m_file.setKey("autokill_url"_s, m_server->url());
+    m_file.setKey("autokill_url"_s, m_server->url("/"_s));
     m_file.setKey("autokill_enabled"_s, "tRuE"_s);
     m_file.setKey("autokill_user"_s, "u%2\"é"_s);
     m_file.setKey("autokill_pwd"_s, "secret"_s);
@@ -65,6 +66,9 @@ void TestAutoKill::logsInFetchesAndForgets()
     m_file.setKey("autokill_enabled"_s, "false"_s);
     QVERIFY(!poller.isFlagged("Ab"_s));
     m_file.setKey("autokill_enabled"_s, "true"_s);
+    QVERIFY(QFile::rename(m_file.path(), m_file.file("hidden"_s)));
+    QVERIFY(!poller.isFlagged("7"_s) && !QFile::exists(m_file.path())); // the file is not opened for it
+    QVERIFY(QFile::rename(m_file.file("hidden"_s), m_file.path()));
     m_server->answers[loginPath] = {200, "<html>"}; // asks for the list all the same, without a token
     poller.refreshNow();
     QVERIFY(!poller.isFlagged("9"_s));
@@ -78,14 +82,22 @@ void TestAutoKill::refusals()
     const QPair<HttpServer::Answer, QString> cases[] = {
         {{401, "{}", "Unauthorized"}, "Autokill : invalid credentials."_s},
         {{500, "{}", "Out of order"}, unhandled.arg("500"_s, "Out of order"_s)},
-        {{0, {}, {}}, unhandled.arg("0"_s, QString())}, {{200, "no JSON"}, QString()}};
+        {{0, {}, {}}, unhandled.arg("0"_s, QString())}, {{200, "no JSON"}, QString()},
+        {{-1, {}, {}}, unhandled.arg("0"_s, QString())}, // silence
+        {{200, "{", "OK", 1}, unhandled.arg("0"_s, QString())}}; // an answer that takes its time
     for (const auto &[answer, line] : cases) {
         m_server->otherAnswer = answer;
         m_server->requests.clear();
         LogCapture log;
         Poller poller;
         poller.start();
-        QTRY_VERIFY(m_server->requests.size() >= (answer.code == 200 ? 2 : 1));
+        QTRY_VERIFY(m_server->requests.size() >= (answer.body == "no JSON" ? 2 : 1));
+        for (QTimer *timer : poller.findChildren<QTimer *>(QString(), Qt::FindDirectChildrenOnly)) {
+            QVERIFY(timer->isActive());
+            QCOMPARE(timer->interval(), timer->isSingleShot() ? 60000 : 300000);
+            if (timer->isSingleShot() && (answer.code == -1 || answer.missing > 0))
+                timer->start(300); // as if the minute were nearly over
+        }
         QTRY_COMPARE(log.text(), line);
         QVERIFY(!poller.isFlagged("9"_s) && !poller.isFlagged(QString()));
     }
@@ -106,16 +118,37 @@ void TestAutoKill::refusals()
     QCOMPARE(older.requests.size(), 1);
 }
 
+void TestAutoKill::overtakenCyclesSayNothing()
+{
+    LogCapture log;
+    Poller poller;
+    m_server->otherAnswer.code = -1;
+    poller.start();
+    for (int cycles = 1; cycles <= 8; ++cycles) { // more than there are connections to one host
+        QTRY_COMPARE(m_server->requests.size(), cycles);
+        poller.refreshNow();
+    }
+    m_server->otherAnswer = {200, R"({"entities":[{"externalId":"9"}]})"};
+    poller.refreshNow();
+    QTRY_VERIFY(poller.isFlagged("9"_s));
+    QCOMPARE(log.text(), QString());
+}
+
 void TestAutoKill::addresses()
 {
     for (const QString &address : {"http://127.0.0.1:1"_s, "https://127.0.0.1:1/api"_s,
-             "https://me@127.0.0.1:1"_s, "https://127.0.0.1:99999"_s, ""_s}) {
+             "https://me@127.0.0.1:1"_s, "https://127.0.0.1:99999"_s, "https://127.0.0.1//"_s,
+             "https://127.0.0.1?q"_s, "https://"_s, ""_s, "undefined"_s}) {
         m_file.setKey("autokill_url"_s, address);
         LogCapture log;
         Poller poller;
         poller.start();
-        QCOMPARE(log.text(), "AutoKill : autokill_url is no https address, nothing is sent."_s);
-        QVERIFY(!poller.findChild<QObject *>());
+        const bool isAsked = address == "undefined"_s;
+        QCOMPARE(log.text(),
+            isAsked
+                ? "AutoKill : autokill_url is not configured, asking \"https://resources.example.org\""_s
+                : "AutoKill : autokill_url must be https://host or https://host:port, nothing is sent."_s);
+        QCOMPARE(poller.findChild<QNetworkAccessManager *>() != nullptr, isAsked);
     }
 }
 

@@ -33,7 +33,7 @@ const Cases changes{
         "forwarder set 1 --endpoint http://h:8085 --topic top-1"},
     {"data_forwarder|1|GCP|s|t||||1|0", "forwarder set 1 --endpoint default"},
     {"system_configuration|3|autokill_pwd|pass-word-1234", "config set autokill_pwd -"},
-    {"system_configuration|8|autokill_url|https://h:8443", "config set autokill_url https://h:8443"},
+    {"system_configuration|8|autokill_url|https://h:8443/", "config set autokill_url https://h:8443/"},
     {"pending_actions|2|DISP,it's; DROP --", "say \"it's; DROP --\""},
     {"pending_actions|2|REBOOT", "reboot --yes"}, {"pending_actions|1|RESTART_APP", "pending clear"},
     {"", "port block ttyS0 | restart"}, // it is blocked, or pending, already
@@ -64,7 +64,8 @@ const Cases refusals{
     {"no JSON document", "forwarder add gcp /etc/passwd --topic abc"},
     {"a topic is", "forwarder set 1 --topic 12345"},
     {"an address begins",
-        "forwarder set 1 --endpoint 'https://u:p@h/x?y' | config set autokill_url http://h"},
+        "forwarder set 1 --endpoint 'https://u:p@h/x?y' | config set autokill_url http://h | "
+        "config set autokill_url https://h//"},
     {"has no --target", "forwarder set 1 --target h:1"},
     {"kept by the daemon", "config set bdd_release 2.0"},
     {"reach a display", "say disp,"},

@@ -19,6 +19,7 @@ public:
         int code = 200; ///< 0: the connection is closed without an answer; -1: it stays open without one
         QByteArray body;
         QByteArray reason = "OK";
+        int missing = 0; ///< bytes that the body lacks; the connection stays open as if they came
     };
 
     explicit HttpServer(const TestCertificates *certificates = nullptr) : m_certificates(certificates)
@@ -82,10 +83,11 @@ private:
             return;
         if (answer.code != 0) {
             socket->write("HTTP/1.1 " + QByteArray::number(answer.code) + ' ' + answer.reason
-                + "\r\nConnection: close\r\nContent-Length: " + QByteArray::number(answer.body.size())
-                + "\r\n\r\n" + answer.body);
+                + "\r\nConnection: close\r\nContent-Length: "
+                + QByteArray::number(answer.body.size() + answer.missing) + "\r\n\r\n" + answer.body);
         }
-        socket->disconnectFromHost();
+        if (answer.missing == 0)
+            socket->disconnectFromHost();
     }
 
     const TestCertificates *const m_certificates;

@@ -134,7 +134,7 @@ void Check::checkAutokill()
     if (url == UNDEFINED_VALUE)
         report(Warning, AUTOKILL_URL_KEY, QStringLiteral("automatic kill is on, and no service is named"),
             QStringLiteral("quillonctl config set autokill_url https://HOST"));
-    else if (serviceUrlProblem(url, {QStringLiteral("https")}).isEmpty())
+    else if (valueProblem(*findKnownKey(AUTOKILL_URL_KEY), url).isEmpty())
         checkServer(AUTOKILL_URL_KEY, QUrl(url).host(), QUrl(url).port(443),
             QStringLiteral("quillonctl config set autokill_url https://HOST"));
 }

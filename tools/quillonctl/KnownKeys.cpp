@@ -51,7 +51,8 @@ QString valueProblem(const KnownKey &key, const QString &value)
     if (value == UNDEFINED_VALUE)
         return {};
     if (key.kind == KnownKey::ServiceUrl)
-        return serviceUrlProblem(value, {QStringLiteral("https")});
+        return serviceUrlProblem(
+            value.endsWith(QLatin1Char('/')) ? value.chopped(1) : value, {QStringLiteral("https")});
     if (key.kind == KnownKey::Email && !email.match(value).hasMatch())
         return QStringLiteral("it is no e-mail address");
     if (key.kind == KnownKey::Login
