@@ -16,16 +16,8 @@
 namespace {
 
 constexpr int scanInterval = 5000; // ms
-
-/// Whether the blacklist names the port, or names its device in another way.
-bool isBlacklisted(const QString &portName)
-{
-    const QString device = devicePath(portName);
-    const QStringList blacklist = ConfigDatabase::getInstance()->getPortBlacklist();
-    return std::any_of(blacklist.cbegin(), blacklist.cend(), [&](const QString &entry) {
-        return entry == portName || (!device.isEmpty() && devicePath(entry) == device);
-    });
-}
+const QString uartMethod = QStringLiteral("UART");
+const QString staticMethod = QStringLiteral("STATIC");
 
 bool isCharacterDevice(const QString &path)
 {
@@ -75,29 +67,39 @@ QStringList SerialDiscoverer::availablePortNames() const
     return names;
 }
 
-QStringList SerialDiscoverer::staticPortNames() const
-{
-    QStringList names;
-    const auto rows = ConfigDatabase::getInstance()->getRadioAdapters();
-    for (const auto &row : rows) {
-        if (row->enabled && row->method == QLatin1String("STATIC")
-            && isCharacterDevice(devicePath(row->port)))
-            names.append(row->port);
-    }
-    return names;
-}
-
 void SerialDiscoverer::discover()
 {
-    QStringList portNames = availablePortNames() + staticPortNames();
+    // First, since a STATIC row may name a device that the system lists, too.
+    const QStringList takenDevices = examineStaticPorts();
+    QStringList portNames = availablePortNames();
     portNames.removeDuplicates(); // a port that cannot be opened is tried once in a scan
-    for (const QString &portName : qAsConst(portNames))
-        examinePort(portName);
+    for (const QString &portName : qAsConst(portNames)) {
+        if (!takenDevices.contains(devicePath(portName)))
+            examinePort(portName, uartMethod);
+    }
 }
 
-void SerialDiscoverer::examinePort(const QString &portName)
+QStringList SerialDiscoverer::examineStaticPorts()
 {
-    if (isBlacklisted(portName) || isDriven(portName))
+    QStringList devices;
+    QStringList portNames;
+    const auto rows = ConfigDatabase::getInstance()->getRadioAdapters();
+    for (auto row = rows.crbegin(); row != rows.crend(); ++row) {
+        const QString device = devicePath((*row)->port);
+        if ((*row)->method != staticMethod || devices.contains(device) || !isCharacterDevice(device))
+            continue; // of the rows for one device the last one counts
+        devices.prepend(device);
+        portNames.prepend((*row)->port);
+    }
+    for (const QString &portName : qAsConst(portNames))
+        examinePort(portName, staticMethod);
+    return devices;
+}
+
+void SerialDiscoverer::examinePort(const QString &portName, const QString &method)
+{
+    const QStringList blacklist = ConfigDatabase::getInstance()->getPortBlacklist();
+    if (!blockingEntry(portName, method, blacklist).isNull() || isDriven(portName))
         return;
     QSharedPointer<RadioAdapterConfig> config = rowOf(portName);
     if (!config)
@@ -119,7 +121,7 @@ QSharedPointer<RadioAdapterConfig> SerialDiscoverer::registerPort(const QString 
     auto config = QSharedPointer<RadioAdapterConfig>::create();
     config->port = portName;
     config->name = QString(portName).remove(QStringLiteral("ttyUSB"));
-    config->method = QStringLiteral("UART"); // for every port, also the USB ones
+    config->method = uartMethod; // for every port, also the USB ones
     config->autobaud = true;
     config->tx_enabled = true;
     config->enabled = true;

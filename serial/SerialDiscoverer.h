@@ -11,8 +11,8 @@
 class QTimer;
 class SerialAdapter;
 
-/// Owns the outputs and the running adapters. Every five seconds it looks at the serial ports and starts an
-/// adapter on each one that is allowed and not driven yet.
+/// Owns the outputs and the running adapters. Every five seconds it looks at the ports of the STATIC rows,
+/// then at the serial ports, and starts an adapter on each one that is allowed and not driven yet.
 class SerialDiscoverer : public QObject
 {
     Q_OBJECT
@@ -37,8 +37,10 @@ private slots:
     void adapterStopped();
 
 private:
-    QStringList staticPortNames() const;
-    void examinePort(const QString &portName);
+    /// Looks at the ports of the STATIC rows; yields their devices, which no other row may drive then: not
+    /// even where the STATIC row is disabled or its port blocked.
+    QStringList examineStaticPorts();
+    void examinePort(const QString &portName, const QString &method);
     bool isDriven(const QString &portName) const;
     QSharedPointer<RadioAdapterConfig> registerPort(const QString &portName) const;
     void startAdapter(const QSharedPointer<RadioAdapterConfig> &config);
