@@ -100,6 +100,7 @@ private slots:
     void lockedOrReadOnlyFile();
     void checkFindings();
     void checkReachesServers();
+    void namesOfOneDevice();
 
 private:
     int run(const QString &command, const QByteArray &input = {}, const QString &path = {});
@@ -370,6 +371,22 @@ void TestQuillonctl::checkReachesServers()
     server.close();
     QCOMPARE(run("check"_s), 2);
     QCOMPARE(m_out.count(" cannot be reached: Connection refused"), 3);
+}
+
+void TestQuillonctl::namesOfOneDevice()
+{
+    const QString link = m_file->file("link"_s);
+    QVERIFY(QFile::link("/dev/null"_s, link));
+    const QPair<QString, QString> cases[] = {{"port block null"_s, {}},
+        {"port block "_s + link, "It leads to /dev/null, which"_s}, {"port unblock "_s + link, {}},
+        {"radio add "_s + link, "The port is blocked as null: quillonctl port unblock null"_s},
+        {"check"_s, "radio 2 (%1): its port is blocked as null. Remedy: quillonctl port unblock null,"_s},
+        {"radio add null"_s, "Radio 2 (%1) stands for the same device: from now on the new row counts"_s},
+        {"check"_s, "radio 3 (null): another row stands for the same device"_s}};
+    for (const auto &[command, line] : cases) {
+        run(command);
+        QVERIFY2(m_out.contains(QString(line).replace("%1"_s, link).toUtf8()), m_out);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestQuillonctl)

@@ -1,6 +1,7 @@
 #include "tools/quillonctl/Commands.h"
 
 #include "config/ConfigKeys.h"
+#include "serial/DevicePath.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/KnownKeys.h"
@@ -141,24 +142,27 @@ void Check::checkAutokill()
 
 void Check::checkRadios()
 {
-    QStringList blocked;
-    for (const QSqlRecord &record : m_file.rows(QStringLiteral("port_blacklist")))
-        blocked.append(record.value(QStringLiteral("port")).toString());
+    const QStringList blacklist = blockedPorts(m_file);
     QStringList seen;
     for (const QSqlRecord &radio : m_file.rows(QStringLiteral("radio_adapters"))) {
         const QString port = radio.value(QStringLiteral("port")).toString();
         const QString id = radio.value(QStringLiteral("ids")).toString();
         const QString subject = QStringLiteral("radio %1 (%2)").arg(id, port);
-        if (seen.contains(deviceFile(port)))
+        const QString device = devicePath(port).isEmpty() ? deviceFile(port) : devicePath(port);
+        if (seen.contains(device))
             report(Warning, subject,
-                QStringLiteral("another row stands for the same port; the later one counts"),
+                QStringLiteral(
+                    "another row stands for the same device; STATIC rows count before others, later "
+                    "ones before earlier"),
                 QStringLiteral("quillonctl radio remove one of them"));
-        seen.append(deviceFile(port));
+        seen.append(device);
         if (!radio.value(QStringLiteral("enabled")).toBool())
             continue;
-        if (blocked.contains(port))
-            report(Warning, subject, QStringLiteral("its port is blocked"),
-                QStringLiteral("quillonctl port unblock %1, or radio disable %2").arg(port, id));
+        const QString blocking =
+            blockingEntry(port, radio.value(QStringLiteral("method")).toString(), blacklist);
+        if (!blocking.isNull())
+            report(Warning, subject, QStringLiteral("its port is blocked as %1").arg(blocking),
+                QStringLiteral("quillonctl port unblock %1, or radio disable %2").arg(blocking, id));
         else
             checkDevice(subject, radio);
     }

@@ -159,6 +159,14 @@ QJsonArray pendingRows(const ConfigFile &file)
     return result;
 }
 
+QStringList blockedPorts(const ConfigFile &file)
+{
+    QStringList ports;
+    for (const QSqlRecord &record : file.rows(QStringLiteral("port_blacklist")))
+        ports.append(record.value(QStringLiteral("port")).toString());
+    return ports;
+}
+
 QString systemValue(const ConfigFile &file, const QString &key)
 {
     for (const QSqlRecord &record : file.rows(QStringLiteral("system_configuration"))) {

@@ -11,6 +11,8 @@ QJsonArray radioRows(const ConfigFile &file);
 QJsonArray outputRows(const ConfigFile &file);
 /// Actions that the daemon has yet to carry out: id, command.
 QJsonArray pendingRows(const ConfigFile &file);
+/// The names of the ports that are never opened.
+QStringList blockedPorts(const ConfigFile &file);
 /// The value of a system key, or "undefined".
 QString systemValue(const ConfigFile &file, const QString &key);
 

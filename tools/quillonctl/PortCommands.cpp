@@ -1,8 +1,9 @@
 #include "tools/quillonctl/Commands.h"
 
+#include "serial/DevicePath.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/InputChecks.h"
-#include "tools/quillonctl/Printer.h"
+#include "tools/quillonctl/Listing.h"
 
 #include <QSerialPortInfo>
 
@@ -29,6 +30,11 @@ void blockPort(const CommandContext &context, const PortOptions &options)
                                 "the daemon restarts.")
                : QStringLiteral("%1 was blocked before."))
             .arg(port));
+    const QString device = devicePath(port);
+    if (!device.isEmpty() && device != deviceFile(port))
+        printLine(QStringLiteral("It leads to %1, which may still be opened under that name: quillonctl port "
+                                 "block %1")
+                      .arg(device));
 }
 
 void unblockPort(const CommandContext &context, const PortOptions &options)
@@ -51,9 +57,7 @@ QJsonObject portRow(const QString &name, bool blocked, const QSerialPortInfo &in
 
 void listPorts(const CommandContext &context, const PortOptions &options)
 {
-    QStringList blocked;
-    for (const QSqlRecord &record : context.open(ConfigFile::ReadOnly).rows(table))
-        blocked.append(record.value(portColumn).toString());
+    QStringList blocked = blockedPorts(context.open(ConfigFile::ReadOnly));
     QJsonArray ports;
     for (const QSerialPortInfo &info : QSerialPortInfo::availablePorts())
         ports.append(portRow(info.portName(), blocked.removeAll(info.portName()) > 0, info));

@@ -1,5 +1,6 @@
 #include "tools/quillonctl/Commands.h"
 
+#include "serial/DevicePath.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
@@ -13,6 +14,7 @@
 namespace {
 
 const QString table = QStringLiteral("radio_adapters");
+const QString staticMethod = QStringLiteral("STATIC");
 const QString portColumn = QStringLiteral("port");
 const QString nameColumn = QStringLiteral("name");
 const QString autobaudColumn = QStringLiteral("autobaud");
@@ -51,28 +53,44 @@ QVariantMap columnsOf(const RadioOptions &options)
     return columns;
 }
 
+/// The radio whose row names the same device as `port` in another way; empty when there is none.
+QString otherRowOf(const ConfigFile &file, const QString &port)
+{
+    const QString device = devicePath(port);
+    for (const QSqlRecord &record : file.rows(table)) {
+        const QString other = record.value(portColumn).toString();
+        if (other != port && !device.isEmpty() && devicePath(other) == device)
+            return QStringLiteral("%1 (%2)").arg(record.value(QStringLiteral("ids")).toString(), other);
+    }
+    return {};
+}
+
 void printAdded(const ConfigFile &file, int id, const QString &port, bool enabled)
 {
     printLine(QStringLiteral("Radio %1 added on the port %2.").arg(QString::number(id), port));
+    const QString other = otherRowOf(file, port);
+    if (!other.isEmpty())
+        printLine(
+            QStringLiteral("Radio %1 stands for the same device: from now on the new row counts. If the "
+                           "daemon drives the device already, that is after quillonctl restart.")
+                .arg(other));
     if (!enabled)
         return;
-    for (const QSqlRecord &record : file.rows(QStringLiteral("port_blacklist"))) {
-        if (record.value(portColumn).toString() != port)
-            continue;
-        printLine(QStringLiteral("The port is blocked: quillonctl port unblock %1").arg(port));
-        return;
-    }
-    printLine(QFileInfo::exists(deviceFile(port))
-            ? QStringLiteral("The daemon opens it at its next scan, within 5 seconds.")
-            : QStringLiteral("%1 does not exist yet; the daemon opens it once it does.")
-                  .arg(deviceFile(port)));
+    const QString blocking = blockingEntry(port, staticMethod, blockedPorts(file));
+    if (!blocking.isNull())
+        printLine(QStringLiteral("The port is blocked as %1: quillonctl port unblock %1").arg(blocking));
+    else if (!QFileInfo::exists(deviceFile(port)))
+        printLine(
+            QStringLiteral("%1 does not exist yet; the daemon opens it once it does.").arg(deviceFile(port)));
+    else if (other.isEmpty())
+        printLine(QStringLiteral("The daemon opens it at its next scan, within 5 seconds."));
 }
 
 /// The row of a new radio, with what the options leave open.
 QVariantMap newRow(const QString &port, const RadioOptions &options)
 {
     QVariantMap columns{
-        {QStringLiteral("method"), QStringLiteral("STATIC")},
+        {QStringLiteral("method"), staticMethod},
         {portColumn, port},
         {nameColumn, QFileInfo(port).fileName().left(64)},
         {autobaudColumn, true},
@@ -155,7 +173,7 @@ void addListCommand(CLI::App *radio, CommandContext &context)
 void addAddCommand(CLI::App *radio, CommandContext &context)
 {
     const auto options = std::make_shared<RadioOptions>();
-    CLI::App *add = radio->add_subcommand("add", "Add a radio on a port that the machine does not list");
+    CLI::App *add = radio->add_subcommand("add", "Add a radio on a port, by any of its names");
     add->add_option("PORT", options->port, "Name under /dev, such as pts/3, or an absolute path")->required();
     addSpeedAndName(add, options);
     add->add_flag("--listen-only", options->listenOnly, "Never send anything to the radio");
