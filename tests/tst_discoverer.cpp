@@ -15,35 +15,19 @@ public:
         m_ports = ports;
         QMetaObject::invokeMethod(this, "discover");
     }
-    /// Begins to scan by itself.
-    void run(const QStringList &ports)
-    {
-        m_ports = ports;
-        m_clock.start();
-        initForwarders();
-    }
-    /// When it has scanned, in ms since run().
-    QList<qint64> times() const { return m_times; }
+
+    mutable QList<qint64> times; ///< of the scans, in ms
 
 protected:
     QStringList availablePortNames() const override
     {
-        m_times.append(m_clock.elapsed());
+        times.append(QDateTime::currentMSecsSinceEpoch());
         return m_ports;
     }
 
 private:
     QStringList m_ports;
-    QElapsedTimer m_clock;
-    mutable QList<qint64> m_times;
 };
-
-/// Whether the discoverer drives this radio's port: it has made it a 19200 bit/s line, which is not the speed
-/// of a new pseudo-terminal.
-bool isOpen(const SimulatedRadio &radio)
-{
-    return radio.lineSpeed() == 19200;
-}
 
 int openFiles()
 {
@@ -57,15 +41,16 @@ class TestDiscoverer : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
-    void init();
+    void initTestCase()
+    {
+        ConfigDatabase::getInstance(m_file.path());
+        cleanup(); // of the rows that a new file has
+    }
     void cleanup();
     void scansForEveryOutput();
     void newPortsAreRegistered();
     void theRowThatDecides_data();
     void theRowThatDecides();
-    void rowsWithoutADevice();
-    void aDeviceIsDrivenOnce();
     void replugging();
 
 private:
@@ -73,54 +58,53 @@ private:
     QScopedPointer<Discoverer> m_discoverer;
 };
 
-void TestDiscoverer::init()
+void TestDiscoverer::cleanup()
 {
+    QTest::qWait(50); // the adapters end with their radios
     m_discoverer.reset(new Discoverer);
     for (const QString &table : {"radio_adapters"_s, "data_forwarder"_s, "port_blacklist"_s})
         m_file.run("DELETE FROM "_s + table);
 }
 
-void TestDiscoverer::cleanup()
-{
-    QTest::qWait(50); // the adapters end with their radios
-    m_discoverer.reset();
-}
-
 void TestDiscoverer::scansForEveryOutput()
 {
     PluggedRadio radio;
-    const auto outputs = {"one"_s, "two"_s, "off"_s};
-    for (const QString &file : outputs)
+    m_file.addRadio(radio.portName());
+    for (const QString &file : {"one"_s, "two"_s, "off"_s})
         m_file.addForwarder("file"_s, m_file.file(file));
-    m_file.run("UPDATE data_forwarder SET enabled = 0 WHERE ids = "_s
-        + QString::number(m_file.addForwarder("FOO"_s) - 1));
-    m_discoverer->run({radio.portName()});
-    QTRY_COMPARE_WITH_TIMEOUT(m_discoverer->times().size(), 2, 15000);
-    const qint64 first = m_discoverer->times().at(0);
-    const qint64 period = m_discoverer->times().at(1) - first;
-    QVERIFY2(first >= 4700 && first < 7500, qPrintable(QString::number(first)));
-    QVERIFY2(period >= 4700 && period < 7500, qPrintable(QString::number(period)));
+    m_file.run("UPDATE data_forwarder SET enabled = 0 WHERE target = ?"_s, {m_file.file("off"_s)});
+    m_file.addForwarder("FOO"_s);
+    const qint64 start = QDateTime::currentMSecsSinceEpoch();
+    m_discoverer->initForwarders();
+    QTRY_COMPARE_WITH_TIMEOUT(m_discoverer->times.size(), 2, 15000);
+    const qint64 first = m_discoverer->times.at(0) - start;
+    const qint64 period = m_discoverer->times.at(1) - m_discoverer->times.at(0);
+    QVERIFY(first >= 4700 && first < 7500 && period >= 4700 && period < 7500);
     for (const QString &file : {"one"_s, "two"_s}) {
         QTRY_VERIFY(m_file.readFile(file).contains("READ: \x02*NTF,INFO,ESN,28940001\x03\n"));
         QTRY_VERIFY(m_file.readFile(file).contains("WRITE: \x02*GET,INFO,COMMENT,1\x03\n"));
     }
     QCOMPARE(m_file.readFile("off"_s), QByteArray());
-    m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "ALL"_s, 5000));
-    QTRY_VERIFY_WITH_TIMEOUT(radio.shown.contains("ALL"_s), 10000);
+    m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "NOW"_s, 5000));
+    m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "LATER"_s, 5000), 10);
+    QTRY_VERIFY_WITH_TIMEOUT(radio.shown.contains("NOW"_s) && radio.shown.contains("LATER"_s), 10000);
 }
 
 void TestDiscoverer::newPortsAreRegistered()
 {
     const PluggedRadio radio;
+    for (const QString &noDevice : {"pts/none"_s, QString(), m_file.path()})
+        m_file.addRadio(noDevice);
     LogCapture log;
     for (int scans = 1; scans <= 3; ++scans) { // a port that cannot be opened is tried again, once a scan
         m_discoverer->scan({"ttyUSB999"_s, "ttyUSB999"_s, radio.portName()});
         QCOMPARE(log.count("Error ( \"ttyUSB999\" ) :  \"No such file or directory\""_s), scans);
     }
+    QCOMPARE(log.text().count(u'\n'), 2);
     QCOMPARE(m_file.run("SELECT port, name, method, autobaud, tx_enabled, enabled, discovered, status"
-                        " FROM radio_adapters"_s),
+                        " FROM radio_adapters WHERE method <> 'STATIC'"_s),
         "ttyUSB999|999|UART|1|1|1|1|2\n%1|%1|UART|1|1|1|1|0"_s.arg(radio.portName()));
-    QVERIFY(isOpen(radio));
+    QCOMPARE(radio.lineSpeed(), 19200); // not the speed of a new pseudo-terminal
 }
 
 void TestDiscoverer::theRowThatDecides_data()
@@ -128,28 +112,26 @@ void TestDiscoverer::theRowThatDecides_data()
     QTest::addColumn<QString>("rows"); // %1 is the port that is enumerated; %2 and %3 lead to it
     QTest::addColumn<QString>("blocked");
     QTest::addColumn<int>("speed"); // of the row that decides; 0: the device is left alone
-    const auto row = [](const char *name, const QString &rows, const QString &blocked, int speed) {
-        QTest::newRow(name) << rows << blocked << speed;
-    };
     const QString listed = "('UART', '%1', 1, 1200)"_s;
     const QString link = "('STATIC', '%2', 1, 2400)"_s;
     const QString path = "('STATIC', '%3', 1, 4800)"_s;
     const QString linkOff = "('STATIC', '%2', 0, 2400)"_s;
-    row("disabled", "('UART', '%1', 0, 1200)"_s, {}, 0);
-    row("same name, last", "('UART', '%1', 0, 9600),"_s + listed, {}, 1200);
-    row("same name, last, any method", "('STATIC', '%1', 0, 9600),"_s + listed, {}, 1200);
-    row("STATIC after listed", listed + u',' + link, {}, 2400);
-    row("STATIC before listed", link + u',' + listed, {}, 2400);
-    row("STATIC alone", link, {}, 2400); // no row is made for the port's own name
-    row("STATIC disabled", linkOff + u',' + listed, {}, 0);
-    row("last STATIC", path + u',' + link, {}, 2400);
-    row("last STATIC disabled", path + u',' + linkOff, {}, 0);
-    row("first STATIC disabled", linkOff + u',' + path, {}, 4800);
-    row("other method", "('UART', '%2', 1, 9600),"_s + listed, {}, 1200);
-    row("blocked", listed, "%1"_s, 0);
-    row("blocked by another name", listed, "%2"_s, 1200);
-    row("STATIC blocked", path + u',' + listed, "%3"_s, 0);
-    row("STATIC blocked by another name", path, "%2"_s, 0);
+    const QString listedOff = "('UART', '%1', 0, 9600)"_s;
+    QTest::newRow("disabled") << listedOff << ""_s << 0;
+    QTest::newRow("same name, last") << listedOff + u',' + listed << ""_s << 1200;
+    QTest::newRow("same name, last, any method") << "('STATIC', '%1', 0, 9600),"_s + listed << ""_s << 1200;
+    QTest::newRow("STATIC after listed") << listed + u',' + link << ""_s << 2400;
+    QTest::newRow("STATIC before listed") << link + u',' + listed << ""_s << 2400;
+    QTest::newRow("STATIC alone") << link << ""_s << 2400; // no row is made for the port's own name
+    QTest::newRow("STATIC disabled") << linkOff + u',' + listed << ""_s << 0;
+    QTest::newRow("last STATIC") << path + u',' + link << ""_s << 2400;
+    QTest::newRow("last STATIC disabled") << path + u',' + linkOff << ""_s << 0;
+    QTest::newRow("first STATIC disabled") << linkOff + u',' + path << ""_s << 4800;
+    QTest::newRow("other method") << "('UART', '%2', 1, 9600),"_s + listed << ""_s << 1200;
+    QTest::newRow("blocked") << listed << "%1"_s << 0;
+    QTest::newRow("blocked by another name") << listed << "%2"_s << 1200;
+    QTest::newRow("STATIC blocked") << path + u',' + listed << "%3"_s << 0;
+    QTest::newRow("STATIC blocked by another name") << path << "%2"_s << 0;
 }
 
 void TestDiscoverer::theRowThatDecides()
@@ -168,41 +150,18 @@ void TestDiscoverer::theRowThatDecides()
     m_file.run("INSERT INTO radio_adapters (method, port, enabled, baudrate) VALUES "_s + named(rows));
     m_file.run("INSERT INTO port_blacklist (port) VALUES ('none'), (?)"_s, {named(blocked)});
     const int unopened = radio.lineSpeed();
-    for (int scans = 0; scans < 2; ++scans) {
-        m_discoverer->scan({radio.portName()});
-        QCOMPARE(radio.lineSpeed(), speed ? speed : unopened);
-    }
+    m_discoverer->scan({radio.portName()});
+    QCOMPARE(radio.lineSpeed(), speed ? speed : unopened);
     QCOMPARE(m_file.run("SELECT count(*) FROM radio_adapters"_s).toInt(), rows.count(u'('));
 
     m_file.run("DELETE FROM port_blacklist"_s);
     m_file.run("UPDATE radio_adapters SET enabled = 1"_s);
     m_discoverer->scan({radio.portName()}); // what was left alone is opened
     QVERIFY(radio.lineSpeed() != unopened);
-}
-
-void TestDiscoverer::rowsWithoutADevice()
-{
-    for (const QString &noDevice : {"pts/none"_s, QString(), m_file.path()})
-        m_file.addRadio(noDevice);
-    LogCapture log;
-    m_discoverer->scan();
-    QCOMPARE(log.text(), QString());
-    QCOMPARE(m_file.run("SELECT count(*) FROM radio_adapters"_s), "3"_s);
-}
-
-void TestDiscoverer::aDeviceIsDrivenOnce()
-{
-    PluggedRadio radio;
-    QVERIFY(radio.setLink(m_file.file("link"_s)));
-    m_file.addRadio(radio.portName(), "name"_s);
-    m_file.addRadio(radio.link(), "link"_s);
-    for (int scans = 0; scans < 2; ++scans)
-        m_discoverer->scan();
-    QVERIFY(m_file.waitFor("SELECT name FROM radio_adapters WHERE status = 1"_s, "link"_s));
-    QTest::qWait(100);
-    QCOMPARE(radio.received().count("*GET,INFO,ESN"), 1);
-    m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "LATER"_s, 5000), 10);
-    QTRY_VERIFY(radio.shown.contains("LATER"_s));
+    const int files = openFiles();
+    m_file.addRadio(radio.slavePath());
+    m_discoverer->scan({radio.portName()}); // and nothing is opened twice, under any name
+    QCOMPARE(openFiles(), files);
 }
 
 void TestDiscoverer::replugging()

@@ -1,11 +1,8 @@
-#include "autokill/AutoKill.h"
 #include "protocol/ActionCommands.h"
 #include "protocol/IdentificationCommands.h"
 #include "protocol/Notifications.h"
 #include "serial/MyQSerialPort.h"
-#include "support/HttpServer.h"
 #include "support/LogCapture.h"
-#include "support/OpenSsl.h"
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 
@@ -57,7 +54,6 @@ private slots:
     void notifications_data();
     void notifications();
     void alertsAreLoggedByState();
-    void flaggedCallersAreKilled();
 
 private:
     TestDatabase m_file;
@@ -108,7 +104,10 @@ void TestProtocol::identificationAnswers()
     QSignalSpy answers(query.data(), &IcomCommand::commandResponse);
     QCOMPARE(query->validResponse(frame), !fields.isNull());
     if (fields.isNull()) {
-        QVERIFY(log.text(QtWarningMsg).contains("NON Valid "_s));
+        const QString names[] = {
+            {}, "Comment"_s, "DSP FW response"_s, "ESN"_s, "Firmware Version"_s, "Front firmware version"_s};
+        QCOMPARE(log.text(QtWarningMsg),
+            "NON Valid %1 :  \"%2\""_s.arg(names[query->commandType()], QString::fromUtf8(frame)));
         QVERIFY(answers.isEmpty());
         return;
     }
@@ -190,6 +189,7 @@ void TestProtocol::notifications_data()
     row("*NTF,CTRL,BATVST,L1\"", 10, "L1");
     row("*NTF,CTRL,BATVST,L1", 99);
     row("*NTF,CTRL,RFPWRST,ON\"", 11, "ON");
+    row("*NTF,CTRL,RFPWRST,ON", 99);
     row("", 99);
 }
 
@@ -211,37 +211,12 @@ void TestProtocol::notifications()
 void TestProtocol::alertsAreLoggedByState()
 {
     LogCapture log;
-    for (const char *report : {"BATVST,N", "BATVST,L1", "BATVST,L2", "RFPWRST,ON", "RFPWRST,on"})
+    for (const char *report :
+        {"BATVST,N", "BATVST,H", "BATVST,L1", "BATVST,L2", "RFPWRST,ON", "RFPWRST,on", "RFPWRST,OFF"})
         parseNotification(nullptr, QByteArray("*NTF,CTRL,") + report + '"')->process();
     QCOMPARE(log.text(QtInfoMsg),
-        "Battery alert recovered.\nBattery alert : 10.43V < Vin < 11.05V\nTx Power limitation enabled."_s);
-}
-
-void TestProtocol::flaggedCallersAreKilled()
-{
-    const TestCertificates certificates;
-    HttpServer server(&certificates);
-    server.otherAnswer.body = R"({"entities":[{"externalId":"77"},{"externalId":"0055"}]})";
-    m_file.setKey("autokill_enabled"_s, "true"_s);
-    m_file.setKey("autokill_url"_s, server.url());
-    AutoKill::getInstance()->start();
-    QTRY_VERIFY(AutoKill::getInstance()->isFlagged("77"_s));
-
-    RecordingLink link;
-    LogCapture log;
-    for (const char *frame : {"*NTF,DPMR,RXVCALL,1,2,77,4,5", "*NTF,DPMR,RXSTAT,1,2,77,4,5,6",
-             "*NTF,DPMR,RXMSG,1,2,77,4,5,GPS,\"x\"", "*NTF,DPMR,RXVCALL,77,77,3,4,5", "*NTF,5T,RXCODE,55,0,0",
-             "*NTF,5T,RXCODE,0055,0,0"})
-        parseNotification(&link, frame)->process();
-    QCOMPARE(link.queued.size(), 3);
-    QVERIFY(link.queued.last()->commandText().contains(",IND,77,"_s));
-    const QString line = "Blacklisted radio detected :  \"%1\""_s;
-    QCOMPARE(log.text(QtInfoMsg),
-        QStringList({line.arg(77), line.arg(77), line.arg(77), line.arg(55)}).join(u'\n'));
-    QCOMPARE(link.delayed.size(), 1);
-    QCOMPARE(link.delayed.first().delayMs, 1000);
-    QCOMPARE(link.delayed.first().command->commandText(), "*SET,5T,TXCODE,55DC"_s);
-    parseNotification(nullptr, "*NTF,DPMR,RXVCALL,1,2,77,4,5")->process(); // its adapter is gone
+        "Battery alert recovered.\nBattery alert Overvoltage.\nBattery alert : 10.43V < Vin < 11.05V\n"
+        "Tx Power limitation enabled.\nTx Power limitation disabled - alert recovered."_s);
 }
 
 QTEST_GUILESS_MAIN(TestProtocol)

@@ -6,7 +6,7 @@
 
 #include <QObject>
 
-/// Stands for an adapter: keeps what it is given to send, and emits what it is told to.
+/// Stands for an adapter: keeps what it is given to send later, and emits what it is told to.
 class RecordingLink : public QObject, public RadioLink
 {
     Q_OBJECT
@@ -26,13 +26,12 @@ public:
     };
 
     QSharedPointer<RadioAdapterConfig> config() const override { return m_config; }
-    void enqueueCommand(QSharedPointer<IcomCommand> command) override { queued.append(command); }
+    void enqueueCommand(QSharedPointer<IcomCommand>) override { }
     void addDelayedCommand(QSharedPointer<IcomCommand> command, int delayMs) override
     {
         delayed.append({command, delayMs});
     }
 
-    QList<QSharedPointer<IcomCommand>> queued;
     QList<Delayed> delayed;
 
 signals:
