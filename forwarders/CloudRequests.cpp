@@ -1,5 +1,6 @@
 #include "forwarders/CloudRequests.h"
 
+#include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QSslConfiguration>
@@ -18,13 +19,48 @@ bool isHeaderText(const QString &text)
         text.cbegin(), text.cend(), [](QChar c) { return c > QLatin1Char(' ') && c < QChar(0x7f); });
 }
 
+/// Whether what is sent there can be read by its receiver only: over TLS, or within this machine.
+bool isPrivate(const QUrl &url)
+{
+    const QString host = url.host();
+    return url.scheme() == QLatin1String("https")
+        || (url.scheme() == QLatin1String("http")
+            && (host == QLatin1String("localhost") || QHostAddress(host).isLoopback()));
+}
+
 } // namespace
+
+bool namesEndpoint(const QString &target)
+{
+    return target.startsWith(QLatin1String("https://"), Qt::CaseInsensitive)
+        || target.startsWith(QLatin1String("http://"), Qt::CaseInsensitive);
+}
+
+QString endpointProblem(const QString &target)
+{
+    if (!namesEndpoint(target))
+        return {};
+    const QUrl url(target, QUrl::StrictMode);
+    const bool hasPath = !url.path().isEmpty() && url.path() != QLatin1String("/");
+    if (url.host().isEmpty() || url.port(1) == 0 || hasPath || url.hasQuery() || url.hasFragment()
+        || !url.userInfo().isEmpty())
+        return QStringLiteral("an endpoint is https://HOST or https://HOST:PORT, and nothing else");
+    if (!isPrivate(url))
+        return QStringLiteral("an endpoint on another machine begins with https://");
+    return {};
+}
+
+QString tokenUriProblem(const QString &tokenUri)
+{
+    const QUrl url(tokenUri);
+    if (url.host().isEmpty() || !isPrivate(url))
+        return QStringLiteral("the token_uri is no https address");
+    return {};
+}
 
 QUrl pubSubEndpoint(const QString &target)
 {
-    const bool isUrl =
-        target.startsWith(QLatin1String("https://")) || target.startsWith(QLatin1String("http://"));
-    return QUrl(isUrl ? target : publishedEndpoint);
+    return QUrl(namesEndpoint(target) ? target : publishedEndpoint);
 }
 
 QUrl publishUrl(const QUrl &endpoint, const QString &projectId, const QString &topic)

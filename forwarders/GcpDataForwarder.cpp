@@ -50,12 +50,24 @@ void GcpDataForwarder::reconnect()
     m_topic = config.context;
     m_endpoint = pubSubEndpoint(config.target);
     m_projectId = account.projectId();
+    if (isRefused(endpointProblem(config.target)))
+        return;
     const QByteArray assertion = account.signedAssertion(QDateTime::currentSecsSinceEpoch(), m_tokenLifetime);
     if (assertion.isEmpty()) {
         qInfo() << "Unable to parse private key - check GCP secret in configuration";
         return;
     }
-    requestToken(account.tokenUri(), assertion);
+    if (!isRefused(tokenUriProblem(account.tokenUri())))
+        requestToken(account.tokenUri(), assertion);
+}
+
+/// Logs the problem of an address once, however often a token is wanted.
+bool GcpDataForwarder::isRefused(const QString &problem)
+{
+    if (!problem.isEmpty() && problem != m_refusal)
+        qInfo() << "forwarder id=" << id() << " nothing is sent :" << qPrintable(problem);
+    m_refusal = problem;
+    return !problem.isEmpty();
 }
 
 void GcpDataForwarder::abortReconnect()

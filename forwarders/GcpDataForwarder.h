@@ -37,6 +37,7 @@ private:
         RequestFailed = 2,
     };
 
+    bool isRefused(const QString &problem);
     void requestToken(const QString &tokenUri, const QByteArray &assertion);
     void takeToken(const QByteArray &answer);
     void handleRefusal(int code, const QString &reason);
@@ -46,6 +47,7 @@ private:
     QString m_projectId;
     QString m_topic;
     QUrl m_endpoint;
+    QString m_refusal; // the one that was logged last
     QByteArray m_bearerToken;
     bool m_reconnecting = false;
     const int m_tokenLifetime = 1800; // s

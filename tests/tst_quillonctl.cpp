@@ -29,8 +29,8 @@ const Cases changes{
     {"data_forwarder|2|Raw|s|c|x|127.0.0.1|70|0|3", "forwarder set 2 --target 127.0.0.1:70"},
     {"data_forwarder|2|Raw|s|c|x|h|1|1|3", "forwarder enable 2"},
     {"data_forwarder|2|Raw|s|c|x|h|1|0|3", "forwarder remove 2"},
-    {"data_forwarder|1|GCP|s|top-1||http://h:8085||1|0",
-        "forwarder set 1 --endpoint http://h:8085 --topic top-1"},
+    {"data_forwarder|1|GCP|s|top-1||http://localhost:8085||1|0",
+        "forwarder set 1 --endpoint http://localhost:8085 --topic top-1"},
     {"data_forwarder|1|GCP|s|t||||1|0", "forwarder set 1 --endpoint default"},
     {"system_configuration|3|autokill_pwd|pass-word-1234", "config set autokill_pwd -"},
     {"system_configuration|8|autokill_url|https://h:8443/", "config set autokill_url https://h:8443/"},
@@ -52,7 +52,9 @@ const Cases refusals{
         " | radio enable 2147483648 | forwarder remove -1 | forwarder add raw ::1:9000"},
     {"1 to 65535", "forwarder add raw localhost:0 | forwarder add raw localhost:65536"},
     {" no IPv6 ", "forwarder add raw [1.2.3.4]:9000"},
-    {"host name", "forwarder add raw 999.1.1.1:9 | forwarder add eraw :9"},
+    {"host name",
+        "forwarder add raw 999.1.1.1:9 | forwarder add eraw :9"
+        " | forwarder set 1 --endpoint https://999.1.1.1/"},
     {"no serial device", "radio add /etc/passwd"},
     {"already", "radio add ttyUSB7"},
     {"nothing to change", "radio set 1"},
@@ -63,9 +65,14 @@ const Cases refusals{
     {"is a folder", "forwarder add file ."},
     {"no JSON document", "forwarder add gcp /etc/passwd --topic abc"},
     {"a topic is", "forwarder set 1 --topic 12345"},
-    {"an address begins",
-        "forwarder set 1 --endpoint 'https://u:p@h/x?y' | config set autokill_url http://h | "
-        "config set autokill_url https://h//"},
+    {"an address begins", "config set autokill_url http://h | config set autokill_url https://h//"},
+    {"and nothing else",
+        "forwarder set 1 --endpoint https://u@h | forwarder set 1 --endpoint https://h/x | forwarder set 1 "
+        "--endpoint 'https://h?x' | forwarder set 1 --endpoint 'https://h#x' | forwarder set 1 --endpoint "
+        "https://h:0"},
+    {"begins with https://",
+        "forwarder set 1 --endpoint HTTP://h | forwarder set 1 --endpoint http://127.h | forwarder set 1 "
+        "--endpoint h"},
     {"has no --target", "forwarder set 1 --target h:1"},
     {"kept by the daemon", "config set bdd_release 2.0"},
     {"reach a display", "say disp,"},
@@ -251,7 +258,7 @@ void TestQuillonctl::secretsStayHidden()
 
     const QByteArray before = fileBytes();
     const QByteArrayList bad[] = {{"project_id", "", "project_id is missing"},
-        {"token_uri", "ftp://x", "no https address"},
+        {"token_uri", "http://x", "no https address"},
         {"private_key", newKey("-algorithm EC -pkeyopt group:P-256"_s), "no RSA key"},
         {"private_key", newKey("-algorithm RSA -aes128 -pass pass:x"_s), "no RSA key"}};
     for (const QByteArrayList &each : bad) {
@@ -334,6 +341,9 @@ void TestQuillonctl::checkFindings()
         {"error: radio 2 (ttyUSB999): its fixed speed", radio + "('UART', 'ttyUSB999', 1, 0)"_s},
         {"error: output 3 (FOO): ", output + "('FOO', 1, '')"_s},
         {"error: output 3 (RAW): :0 cannot be reached: no host", output + "('RAW', 1, '')"_s},
+        {"error: output 1 (GCP): nothing is sent: ",
+            "UPDATE data_forwarder SET enabled = 2 - ids, target = 'https://h/x', secret = '%1'"_s.arg(
+                m_credential.secret("http://[::1]"_s))},
         {"error: output 1 (GCP): its credential ", "UPDATE data_forwarder SET enabled = 2 - ids"_s}};
     for (const auto &[line, setup] : findings) {
         init();

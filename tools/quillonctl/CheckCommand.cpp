@@ -1,6 +1,7 @@
 #include "tools/quillonctl/Commands.h"
 
 #include "config/ConfigKeys.h"
+#include "forwarders/CloudRequests.h"
 #include "serial/DevicePath.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
@@ -223,10 +224,13 @@ void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const 
     if (output.value(QStringLiteral("context")).toString().isEmpty())
         report(Error, subject, QStringLiteral("it has no topic"),
             QStringLiteral("quillonctl forwarder set %1 --topic NAME").arg(id));
-    QUrl endpoint(output.value(QStringLiteral("target")).toString());
-    if (endpoint.scheme() != QLatin1String("https") && endpoint.scheme() != QLatin1String("http"))
-        endpoint = QUrl(QStringLiteral("https://pubsub.googleapis.com"));
-    for (const QUrl &server : {endpoint, credential.tokenUri()}) {
+    const QString target = output.value(QStringLiteral("target")).toString();
+    if (!endpointProblem(target).isEmpty()) {
+        report(Error, subject, QStringLiteral("nothing is sent: ") + endpointProblem(target),
+            QStringLiteral("quillonctl forwarder set %1 --endpoint URL, or default").arg(id));
+        return;
+    }
+    for (const QUrl &server : {pubSubEndpoint(target), credential.tokenUri()}) {
         const int usual = server.scheme() == QLatin1String("http") ? 80 : 443;
         checkServer(subject, server.host(), server.port(usual),
             QStringLiteral(

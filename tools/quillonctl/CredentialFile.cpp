@@ -1,5 +1,6 @@
 #include "tools/quillonctl/CredentialFile.h"
 
+#include "forwarders/CloudRequests.h"
 #include "forwarders/ServiceAccount.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/InputChecks.h"
@@ -54,10 +55,11 @@ QString CredentialFile::problem() const
         if (m_fields.value(field).toString().isEmpty())
             return QStringLiteral("its field %1 is missing").arg(field);
     }
-    const QUrl uri = tokenUri();
-    const QStringList schemes{QStringLiteral("https"), QStringLiteral("http")};
-    if (!uri.isValid() || !schemes.contains(uri.scheme()) || !hostProblem(uri.host()).isEmpty())
-        return QStringLiteral("its token_uri is no https address");
+    const QString uriProblem = tokenUriProblem(tokenUri().toString());
+    if (!uriProblem.isEmpty())
+        return uriProblem;
+    if (!hostProblem(tokenUri().host()).isEmpty())
+        return QStringLiteral("its token_uri names no host");
     // The test is what the daemon will do with it.
     if (ServiceAccount(secret()).signedAssertion(0, 1).isEmpty())
         return QStringLiteral("its private_key is no RSA key that OpenSSL can load");

@@ -1,6 +1,7 @@
 #include "tools/quillonctl/Commands.h"
 
 #include "config/ConfigKeys.h"
+#include "forwarders/CloudRequests.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
@@ -69,6 +70,22 @@ QString checkedLogFile(const std::string &argument)
     return path;
 }
 
+/// An endpoint that the daemon would publish to.
+QString checkedEndpoint(const std::string &argument)
+{
+    if (argument == "default")
+        return QStringLiteral("");
+    QString url = checkedText(argument, QStringLiteral("an endpoint"), 300);
+    if (!namesEndpoint(url))
+        throw CommandError(
+            QStringLiteral("an endpoint begins with https://, or is \"default\" for Google's"));
+    for (const QString &problem : {endpointProblem(url), hostProblem(QUrl(url).host())}) {
+        if (!problem.isEmpty())
+            throw CommandError(problem);
+    }
+    return url;
+}
+
 /// Refuses options that mean nothing to this kind, rather than passing over them.
 void requireFitting(const OutputKind &kind, const OutputOptions &options)
 {
@@ -99,9 +116,7 @@ QVariantMap columnsOf(const OutputKind &kind, const OutputOptions &options)
     if (options.topic)
         columns[QStringLiteral("context")] = checkedTopic(*options.topic);
     if (options.endpoint)
-        columns[targetColumn] = *options.endpoint == "default"
-            ? QStringLiteral("")
-            : checkedServiceUrl(*options.endpoint, {QStringLiteral("https"), QStringLiteral("http")});
+        columns[targetColumn] = checkedEndpoint(*options.endpoint);
     if (options.comment)
         columns[QStringLiteral("comment")] = checkedText(*options.comment, QStringLiteral("a comment"), 200);
     return columns;
@@ -173,7 +188,7 @@ void addKindCommand(CLI::App *add, CommandContext &context, const OutputKind &ki
         command->add_option("CREDENTIALS", options->credentials, "Service-account document (JSON)")
             ->required();
         command->add_option("--topic", options->topic, "Topic id, without the project")->required();
-        command->add_option("--endpoint", options->endpoint, "http(s)://HOST[:PORT] instead of Google's");
+        command->add_option("--endpoint", options->endpoint, "https://HOST[:PORT] instead of Google's");
     }
     command->add_option("--comment", options->comment, "Free text");
     command->add_flag("--disabled", options->disabled, "Add it switched off");
@@ -188,7 +203,7 @@ void addSetCommand(CLI::App *forwarder, CommandContext &context)
     set->add_option("--target", options->target, "HOST:PORT (raw, eraw) or PATH (file)");
     set->add_option("--credentials", options->credentials, "Service-account document (gcp)");
     set->add_option("--topic", options->topic, "Topic id (gcp)");
-    set->add_option("--endpoint", options->endpoint, "http(s)://HOST[:PORT], or default for Google's (gcp)");
+    set->add_option("--endpoint", options->endpoint, "https://HOST[:PORT], or default for Google's (gcp)");
     set->add_option("--comment", options->comment, "Free text");
     set->callback([&context, options] { setOutput(context, *options); });
 }

@@ -143,15 +143,6 @@ QString checkedTopic(const std::string &argument)
     return topic;
 }
 
-QString checkedServiceUrl(const std::string &argument, const QStringList &schemes)
-{
-    QString url = checkedText(argument, QStringLiteral("an address"), 300);
-    const QString problem = serviceUrlProblem(url, schemes);
-    if (!problem.isEmpty())
-        throw CommandError(problem);
-    return url;
-}
-
 QString serviceUrlProblem(const QString &url, const QStringList &schemes)
 {
     const QUrl parsed(url, QUrl::StrictMode);

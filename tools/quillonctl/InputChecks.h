@@ -30,8 +30,6 @@ QString checkedRadioName(const std::string &argument);
 HostPort checkedHostPort(const std::string &argument);
 /// A Pub/Sub topic id.
 QString checkedTopic(const std::string &argument);
-/// SCHEME://HOST or SCHEME://HOST:PORT with one of the schemes.
-QString checkedServiceUrl(const std::string &argument, const QStringList &schemes);
 
 /// What keeps a text from being SCHEME://HOST or SCHEME://HOST:PORT; empty when it is one.
 QString serviceUrlProblem(const QString &url, const QStringList &schemes);

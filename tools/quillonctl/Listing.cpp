@@ -3,6 +3,7 @@
 #include "config/ConfigKeys.h"
 #include "config/DataForwarderConfig.h"
 #include "config/RadioAdapterConfig.h"
+#include "forwarders/CloudRequests.h"
 #include "forwarders/RadioModels.h"
 
 namespace {
@@ -82,9 +83,7 @@ QString targetText(const QString &kind, const QString &target, int port)
 {
     if (kind == QLatin1String("RAW") || kind == QLatin1String("ERAW"))
         return hostAndPort(target, port);
-    const bool hasEndpoint =
-        target.startsWith(QLatin1String("http://")) || target.startsWith(QLatin1String("https://"));
-    if (kind == QLatin1String("GCP") && !hasEndpoint)
+    if (kind == QLatin1String("GCP") && !namesEndpoint(target))
         return QStringLiteral("Google Cloud Pub/Sub");
     return target;
 }
