@@ -15,12 +15,19 @@ CloudMessage CloudMessage::received(
 {
     const QByteArray frame = response.data();
     const QString text = QString::fromUtf8(frame.constData(), frame.size()); // with its NUL bytes
-    return {radio, QStringLiteral("RX"), text, response.timestamp()};
+    return {radio, QStringLiteral("RX"), text, response.timestamp(), {}};
 }
 
 CloudMessage CloudMessage::sent(const QSharedPointer<RadioAdapterConfig> &radio, IcomCommand &command)
 {
-    return {radio, QStringLiteral("TX"), command.commandText(), command.timestamp()};
+    return {radio, QStringLiteral("TX"), command.announcedText(), command.timestamp(), {}};
+}
+
+void CloudMessage::askText()
+{
+    if (command)
+        rawData = command->commandText();
+    command.clear();
 }
 
 QByteArray CloudMessage::toJson() const

@@ -15,7 +15,7 @@ struct CloudMessage
 {
     static CloudMessage received(
         const QSharedPointer<RadioAdapterConfig> &radio, const IcomCommandResponse &response);
-    /// Takes the command's text as it is sent now: a display text moves on when it is executed.
+    /// Takes the command's text as it is announced, since a display text moves on when it is executed.
     static CloudMessage sent(const QSharedPointer<RadioAdapterConfig> &radio, IcomCommand &command);
 
     /// Ten fields as compact JSON with sorted keys: port, portDesc, radioBand, radioModel, trx, rawData,
@@ -23,8 +23,14 @@ struct CloudMessage
     /// owner_dept.
     QByteArray toJson() const;
 
+    bool isReceived() const { return direction == QLatin1String("RX"); }
+    /// Asks `command` for the text, once.
+    void askText();
+
     QSharedPointer<RadioAdapterConfig> radio;
     QString direction; ///< "RX" or "TX"
     QString rawData;
     QDateTime timestamp;
+    QSharedPointer<IcomCommand>
+        command; ///< one that is to be asked for its text when it is published, or null
 };

@@ -3,6 +3,7 @@
 #include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QNetworkReply>
 #include <QSslConfiguration>
 
 #include <algorithm>
@@ -11,6 +12,8 @@ namespace {
 
 const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
 const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");
+
+constexpr int longestAnswer = 1024 * 1024; // bytes
 
 /// Whether a token can stand in a header: anything else would let its server write requests of its own.
 bool isHeaderText(const QString &text)
@@ -88,6 +91,14 @@ QNetworkRequest tokenRequest(const QString &tokenUri)
 QByteArray tokenRequestBody(const QByteArray &assertion)
 {
     return "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion;
+}
+
+void limitAnswer(QNetworkReply *reply)
+{
+    QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received) {
+        if (received > longestAnswer)
+            reply->abort();
+    });
 }
 
 std::optional<QByteArray> accessToken(const QByteArray &answer)

@@ -7,6 +7,8 @@
 
 #include <optional>
 
+class QNetworkReply;
+
 // How the cloud outputs talk HTTP: to the token endpoint of a service account (RFC 7523) and to the Pub/Sub
 // REST interface (projects.topics.publish), over TLS 1.3 or later.
 
@@ -30,5 +32,7 @@ QNetworkRequest cloudRequest(const QUrl &url, const QString &contentType);
 QNetworkRequest tokenRequest(const QString &tokenUri);
 QByteArray tokenRequestBody(const QByteArray &assertion);
 
+/// Aborts the request when its answer is longer than any that the cloud gives.
+void limitAnswer(QNetworkReply *reply);
 /// The access token of a token endpoint's answer; none when it holds none that can stand in a header.
 std::optional<QByteArray> accessToken(const QByteArray &answer);

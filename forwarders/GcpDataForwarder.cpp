@@ -2,6 +2,7 @@
 
 #include "forwarders/CloudRequests.h"
 #include "forwarders/ServiceAccount.h"
+#include "protocol/ActionCommands.h"
 
 #include <QDateTime>
 #include <QDebug>
@@ -15,14 +16,12 @@ constexpr int firstRequestDelay = 1000;
 constexpr int requestPeriod = 10000;
 constexpr int retryDelay = 5000;
 constexpr int flushDelay = 1000;
-constexpr int publishTimeout = 120000; // with time for a long list of postponed messages
-
-constexpr int longestAnswer = 1024 * 1024; // bytes
 
 } // namespace
 
-GcpDataForwarder::GcpDataForwarder(QObject *parent, int id)
-    : DataForwarder(parent, id), m_networkManager(new QNetworkAccessManager)
+GcpDataForwarder::GcpDataForwarder(QObject *parent, int id, int patience)
+    : DataForwarder(parent, id), m_patience(patience), m_networkManager(new QNetworkAccessManager),
+      m_publishQueue([this](const CloudMessage &message) { return post(message); }, patience)
 {
     setStatus(DataForwarderConfig::Idle);
     connect(
@@ -50,18 +49,19 @@ void GcpDataForwarder::reconnect()
     m_topic = config.context;
     m_endpoint = pubSubEndpoint(config.target);
     m_projectId = account.projectId();
-    if (isRefused(endpointProblem(config.target)))
-        return;
     const QByteArray assertion = account.signedAssertion(QDateTime::currentSecsSinceEpoch(), m_tokenLifetime);
     if (assertion.isEmpty()) {
         qInfo() << "Unable to parse private key - check GCP secret in configuration";
         return;
     }
-    if (!isRefused(tokenUriProblem(account.tokenUri())))
+    QString problem = endpointProblem(config.target);
+    if (problem.isEmpty())
+        problem = tokenUriProblem(account.tokenUri());
+    if (!isRefused(problem))
         requestToken(account.tokenUri(), assertion);
 }
 
-/// Logs the problem of an address once, however often a token is wanted.
+/// Logs what is wrong with an address once, however often a token is wanted.
 bool GcpDataForwarder::isRefused(const QString &problem)
 {
     if (!problem.isEmpty() && problem != m_refusal)
@@ -78,29 +78,29 @@ void GcpDataForwarder::abortReconnect()
 void GcpDataForwarder::requestToken(const QString &tokenUri, const QByteArray &assertion)
 {
     QNetworkReply *reply = m_networkManager->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
-    // A server that does not come to an end, in time or in bytes, counts as one that cannot be reached.
-    QTimer::singleShot(requestPeriod, reply, &QNetworkReply::abort);
-    connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received) {
-        if (received > longestAnswer)
-            reply->abort();
-    });
+    QTimer::singleShot(m_patience, reply, &QNetworkReply::abort);
+    limitAnswer(reply);
 }
 
 void GcpDataForwarder::replyFinished(QNetworkReply *reply)
 {
     reply->deleteLater();
+    const bool isPublish = m_publishQueue.remove(reply);
     const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const bool hasToken = m_tokenState == Ready;
     if (code != 200) {
-        handleRefusal(code, reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString());
-        return;
-    }
-    if (m_tokenState != Ready) {
+        logRefusal(code, reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString());
+        // A token request that a later one has overtaken says nothing about the token that is held.
+        if (isPublish || !hasToken)
+            loseToken();
+    } else if (!isPublish) {
         takeToken(reply->readAll());
-        return;
+    } else if (hasToken) {
+        m_reconnecting = false;
+        setStatus(DataForwarderConfig::Working);
+        QTimer::singleShot(flushDelay, this, &GcpDataForwarder::forwardStoredMessages);
     }
-    m_reconnecting = false;
-    setStatus(DataForwarderConfig::Working);
-    QTimer::singleShot(flushDelay, this, &GcpDataForwarder::forwardStoredMessages);
+    m_publishQueue.postWaiting();
 }
 
 void GcpDataForwarder::takeToken(const QByteArray &answer)
@@ -114,14 +114,22 @@ void GcpDataForwarder::takeToken(const QByteArray &answer)
     m_tokenState = Ready;
 }
 
-void GcpDataForwarder::handleRefusal(int code, const QString &reason)
+void GcpDataForwarder::logRefusal(int code, const QString &reason)
 {
     if (code == 401 || code == 403)
         qInfo() << "GcpDataForwarder : invalid credentials.";
     else
         qInfo() << "GcpDataForwarder : Unhandled HTTP response : code=" << code << " reason=" << reason;
+}
+
+void GcpDataForwarder::loseToken()
+{
     QTimer::singleShot(retryDelay, this, &GcpDataForwarder::reconnect);
     m_tokenState = RequestFailed;
+    // Whatever is postponed now is older than what waits.
+    const QList<CloudMessage> waiting = m_publishQueue.takeWaiting();
+    for (const CloudMessage &message : waiting)
+        (message.isReceived() ? m_postponedFrames : m_postponedCommands).append(message);
 }
 
 void GcpDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
@@ -131,7 +139,10 @@ void GcpDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
 
 void GcpDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
 {
-    publishOrPostpone(CloudMessage::sent(senderConfig(), *command), &m_postponedCommands);
+    CloudMessage message = CloudMessage::sent(senderConfig(), *command);
+    if (command.objectCast<AnalogKillCommand>())
+        message.command = command; // its text grows when it is asked for: not before it is published
+    publishOrPostpone(message, &m_postponedCommands);
 }
 
 void GcpDataForwarder::publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed)
@@ -156,13 +167,20 @@ void GcpDataForwarder::forwardStoredMessages()
         publish(m_postponedCommands.takeFirst());
 }
 
-void GcpDataForwarder::publish(const CloudMessage &message)
+void GcpDataForwarder::publish(CloudMessage message)
+{
+    message.askText();
+    m_publishQueue.append(message);
+}
+
+QNetworkReply *GcpDataForwarder::post(const CloudMessage &message)
 {
     const QByteArray data = ServiceAccount::toBase64Url(message.toJson());
     QNetworkRequest request =
         cloudRequest(publishUrl(m_endpoint, m_projectId, m_topic), QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);
-    request.setTransferTimeout(publishTimeout);
     // Single quotes as they are, on purpose.
-    m_networkManager->post(request, "{'messages':[{'data':'" + data + "'}]}");
+    QNetworkReply *reply = m_networkManager->post(request, "{'messages':[{'data':'" + data + "'}]}");
+    limitAnswer(reply);
+    return reply;
 }

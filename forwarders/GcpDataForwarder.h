@@ -2,6 +2,7 @@
 
 #include "forwarders/CloudMessage.h"
 #include "forwarders/DataForwarder.h"
+#include "forwarders/PublishQueue.h"
 
 #include <QList>
 #include <QNetworkAccessManager>
@@ -17,7 +18,8 @@ class GcpDataForwarder : public DataForwarder
     Q_OBJECT
 
 public:
-    GcpDataForwarder(QObject *parent, int id);
+    /// Requests that get no answer are given up after `patience` ms.
+    GcpDataForwarder(QObject *parent, int id, int patience = 120000);
     ~GcpDataForwarder() override;
 
 public slots:
@@ -40,9 +42,11 @@ private:
     bool isRefused(const QString &problem);
     void requestToken(const QString &tokenUri, const QByteArray &assertion);
     void takeToken(const QByteArray &answer);
-    void handleRefusal(int code, const QString &reason);
+    static void logRefusal(int code, const QString &reason);
+    void loseToken();
     void publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed);
-    void publish(const CloudMessage &message);
+    void publish(CloudMessage message);
+    QNetworkReply *post(const CloudMessage &message);
 
     QString m_projectId;
     QString m_topic;
@@ -51,7 +55,9 @@ private:
     QByteArray m_bearerToken;
     bool m_reconnecting = false;
     const int m_tokenLifetime = 1800; // s
+    const int m_patience;
     QScopedPointer<QNetworkAccessManager> m_networkManager;
+    PublishQueue m_publishQueue; // nothing waits in it while no token is held
     TokenState m_tokenState = NoToken;
     QList<CloudMessage> m_postponedFrames;
     QList<CloudMessage> m_postponedCommands;

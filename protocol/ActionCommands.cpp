@@ -12,6 +12,9 @@ constexpr int displayWidth = 12; // characters
 constexpr int scrollStep = 5; // characters
 constexpr int scrollDelay = 100; // ms
 
+const QString fiveToneCall = QStringLiteral("*SET,5T,TXCODE,%1");
+const QString killCode = QStringLiteral("DC");
+
 /// A value that holds its own placeholder would grow at each call, so it is left out.
 void replacePlaceholder(QString *text, const QString &placeholder, const QString &value)
 {
@@ -67,14 +70,20 @@ bool KillCommand::execute(MyQSerialPort *)
     return true;
 }
 
-AnalogKillCommand::AnalogKillCommand(QObject *parent, const QString &code) : KillCommand(parent), m_code(code)
+AnalogKillCommand::AnalogKillCommand(QObject *parent, const QString &code)
+    : KillCommand(parent), m_code(code), m_announcedCode(code + killCode)
 {
 }
 
 QString AnalogKillCommand::commandText()
 {
-    m_code.append(QStringLiteral("DC"));
-    return QStringLiteral("*SET,5T,TXCODE,%1").arg(m_code);
+    m_code.append(killCode);
+    return fiveToneCall.arg(m_code);
+}
+
+QString AnalogKillCommand::announcedText()
+{
+    return fiveToneCall.arg(m_announcedCode);
 }
 
 DpmrKillCommand::DpmrKillCommand(QObject *parent, const QString &radioId)

@@ -51,9 +51,11 @@ public:
 
     /// Appends "DC" to the code, at every call, on purpose.
     QString commandText() override;
+    QString announcedText() override;
 
 private:
     QString m_code;
+    const QString m_announcedCode;
 };
 
 /// Kills a dPMR radio by its id.

@@ -43,6 +43,10 @@ public slots:
     /// Whether the frame is this command's answer; a query that recognises it emits commandResponse first.
     virtual bool validResponse(const QByteArray &data) = 0;
 
+public:
+    /// The line as it is announced; asking for it does not change what commandText() yields.
+    virtual QString announcedText() { return commandText(); }
+
 signals:
     void commandResponse(QSharedPointer<IcomCommandResponse> response);
 

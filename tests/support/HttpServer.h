@@ -20,6 +20,7 @@ public:
         QByteArray body;
         QByteArray reason = "OK";
         int missing = 0; ///< bytes that the body lacks; the connection stays open as if they came
+        int delay = 0; ///< in ms, before the header and again before the body
     };
 
     explicit HttpServer(const TestCertificates *certificates = nullptr) : m_certificates(certificates)
@@ -82,12 +83,16 @@ private:
         if (answer.code == -1)
             return;
         if (answer.code != 0) {
-            socket->write("HTTP/1.1 " + QByteArray::number(answer.code) + ' ' + answer.reason
+            const QByteArray header = "HTTP/1.1 " + QByteArray::number(answer.code) + ' ' + answer.reason
                 + "\r\nConnection: close\r\nContent-Length: "
-                + QByteArray::number(answer.body.size() + answer.missing) + "\r\n\r\n" + answer.body);
+                + QByteArray::number(answer.body.size() + answer.missing) + "\r\n\r\n";
+            QTimer::singleShot(answer.delay, socket, [socket, header] { socket->write(header); });
         }
-        if (answer.missing == 0)
-            socket->disconnectFromHost();
+        QTimer::singleShot(2 * answer.delay, socket, [socket, answer] {
+            socket->write(answer.body);
+            if (answer.missing == 0)
+                socket->disconnectFromHost();
+        });
     }
 
     const TestCertificates *const m_certificates;
