@@ -52,9 +52,7 @@ const Cases refusals{
         " | radio enable 2147483648 | forwarder remove -1 | forwarder add raw ::1:9000"},
     {"1 to 65535", "forwarder add raw localhost:0 | forwarder add raw localhost:65536"},
     {" no IPv6 ", "forwarder add raw [1.2.3.4]:9000"},
-    {"host name",
-        "forwarder add raw 999.1.1.1:9 | forwarder add eraw :9"
-        " | forwarder set 1 --endpoint https://999.1.1.1/"},
+    {"host name", "forwarder add eraw :9 | forwarder set 1 --endpoint https://999.1.1.1/"},
     {"no serial device", "radio add /etc/passwd"},
     {"already", "radio add ttyUSB7"},
     {"nothing to change", "radio set 1"},
@@ -67,9 +65,8 @@ const Cases refusals{
     {"a topic is", "forwarder set 1 --topic 12345"},
     {"an address begins", "config set autokill_url http://h | config set autokill_url https://h//"},
     {"and nothing else",
-        "forwarder set 1 --endpoint https://u@h | forwarder set 1 --endpoint https://h/x | forwarder set 1 "
-        "--endpoint 'https://h?x' | forwarder set 1 --endpoint 'https://h#x' | forwarder set 1 --endpoint "
-        "https://h:0"},
+        "forwarder set 1 --endpoint https://u@h | forwarder set 1 --endpoint https://h/x"
+        " | forwarder set 1 --endpoint 'https://h?x' | forwarder set 1 --endpoint https://h:0"},
     {"begins with https://",
         "forwarder set 1 --endpoint HTTP://h | forwarder set 1 --endpoint http://127.h | forwarder set 1 "
         "--endpoint h"},
