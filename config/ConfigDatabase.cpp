@@ -87,7 +87,6 @@ private:
     const int m_ids, m_type, m_comment, m_secret, m_context, m_target, m_port, m_enabled, m_status;
 };
 
-/// A file that a lost power supply or a full disk has left empty is as good as none.
 bool isEmptyFile(const QString &path)
 {
     const QFileInfo file(path);
@@ -119,10 +118,16 @@ ConfigDatabase *ConfigDatabase::getInstance(const QString &path)
 
 ConfigDatabase *ConfigDatabase::getInstance()
 {
-    return getInstance(QStringLiteral("/tmp/ostraForwarder.sqlite"));
+    return getInstance(defaultPath());
 }
 
-ConfigDatabase::ConfigDatabase(const QString &path) : m_database(addDatabase()), m_path(path)
+QString ConfigDatabase::defaultPath()
+{
+    return QStringLiteral("/tmp/ostraForwarder.sqlite");
+}
+
+ConfigDatabase::ConfigDatabase(const QString &path, StatusReset reset)
+    : m_database(addDatabase()), m_path(path)
 {
     if (!m_database.isValid()) {
         qInfo() << "Sqlite driver not loaded - exiting.";
@@ -130,23 +135,23 @@ ConfigDatabase::ConfigDatabase(const QString &path) : m_database(addDatabase()),
         QCoreApplication::exit(0);
     }
     m_database.setDatabaseName(m_path);
+    if (reset == KeepStatuses)
+        return;
     resetAdapters();
     resetForwarders();
 }
 
 void ConfigDatabase::openDatabase()
 {
-    if (!QFileInfo::exists(m_path) || isEmptyFile(m_path))
+    if (!QFileInfo::exists(m_path))
         createDatabase();
     if (!m_database.open()) {
         qInfo() << "Error: connection with database fail";
         QCoreApplication::exit(-1);
     }
-    if (m_releaseCheckPending) {
-        m_releaseCheckPending = false;
-        if (!isEmptyFile(m_path)) // nothing could be stored; migrating it would leave half of the tables
-            checkDatabaseRelease();
-    }
+    // To look inside at every operation would cost each of them a statement.
+    if (m_releaseCheckPending || m_setupFailureLogged || isEmptyFile(m_path))
+        prepareFile();
 }
 
 void ConfigDatabase::closeDatabase()

@@ -6,6 +6,7 @@
 #include <QList>
 #include <QSharedPointer>
 #include <QSqlDatabase>
+#include <QSqlError>
 #include <QString>
 #include <QStringList>
 
@@ -22,24 +23,28 @@ public:
     static ConfigDatabase *getInstance(const QString &path);
     /// The process-wide instance, made on the default file when there is none yet.
     static ConfigDatabase *getInstance();
+    static QString defaultPath();
 
     ConfigDatabase(const ConfigDatabase &) = delete;
     ConfigDatabase &operator=(const ConfigDatabase &) = delete;
 
     // Connection and schema
 
-    /// Opens the file, made anew when it is missing; the first call also migrates an older schema.
-    /// A file that cannot be opened is logged, and the event loop is told to end with code -1.
+    /// Opens the file, made anew when it is missing or holds no table; the first call that can also migrates
+    /// an older schema. A file that cannot be opened is logged, and the event loop is told to end with code
+    /// -1.
     void openDatabase();
     void closeDatabase();
-    /// Makes and fills a new file; false when it cannot be opened.
+    /// Makes and fills a new file, as a whole or not at all; false when it cannot be opened.
     bool createDatabase();
-    void initUartBlacklist();
-    void initSystemConfiguration();
-    void initAdapters();
-    void initDataForwarder();
-    void initPendingActions();
-    /// Compares the file's release with the current one and migrates what is older.
+    // Each makes one table with its default rows; false when a statement failed.
+    bool initUartBlacklist();
+    bool initSystemConfiguration();
+    bool initAdapters();
+    bool initDataForwarder();
+    bool initPendingActions();
+    /// Compares the file's release with the current one and migrates what is older; stays due while the
+    /// release cannot be read.
     void checkDatabaseRelease();
     void updateSchemaVersion();
 
@@ -72,11 +77,29 @@ public:
     QString getFirstPendingActions();
 
 protected:
-    explicit ConfigDatabase(const QString &path);
+    enum StatusReset {
+        ResetStatuses,
+        KeepStatuses,
+    };
+
+    explicit ConfigDatabase(const QString &path, StatusReset reset = ResetStatuses);
     ~ConfigDatabase() = default;
+
+    /// What a derived class changes in a new file before anyone sees it, with a query whose error is
+    /// reported. On false nothing of the file stays.
+    virtual bool completeNewFile(QSqlQuery &) { return true; }
+    /// Why the file could not be filled or its release not be read; invalid when both went well.
+    QSqlError setupError() const { return m_setupError; }
 
 private:
     class Session;
+
+    void prepareFile();
+    bool fillNewFile();
+    bool fillUnlessFilled(QSqlQuery &query);
+    void finishSetup(bool succeeded);
+    bool checkSetup(bool succeeded, const char *operation, const QSqlQuery &query);
+    bool createTable(const QString &statement, const char *operation);
 
     void migrateFromOldest(QSqlQuery &query);
     void migrateFromRelease10(QSqlQuery &query);
@@ -91,4 +114,6 @@ private:
     QSqlDatabase m_database;
     QString m_path;
     bool m_releaseCheckPending = true;
+    QSqlError m_setupError;
+    bool m_setupFailureLogged = false;
 };

@@ -25,6 +25,8 @@ const char *const initPendingActionsSignature = "void ConfigDatabase::initPendin
 const char *const updateSchemaVersionSignature = "void ConfigDatabase::updateSchemaVersion()";
 const char *const checkDatabaseReleaseSignature = "void ConfigDatabase::checkDatabaseRelease()";
 
+const QString selectTablesStatement =
+    QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' LIMIT 1");
 const QString selectKeyStatement =
     QStringLiteral("SELECT * FROM system_configuration WHERE name=:name LIMIT 1");
 const QString selectAllKeysStatement = QStringLiteral("SELECT * FROM system_configuration");
@@ -50,23 +52,16 @@ const SystemKey defaultKeys[] = {
 
 const QString defaultBlacklist[] = {QStringLiteral("ttyS0"), QStringLiteral("ttyAMA0")};
 
-void createTable(const QString &statement, const char *operation)
-{
-    QSqlQuery query;
-    query.prepare(statement);
-    checkStatement(executePrepared(query), operation, query);
-}
-
 bool lookUpKey(QSqlQuery &query, const QString &key)
 {
     query.clear();
     query.prepare(selectKeyStatement);
     query.bindValue(QStringLiteral(":name"), key);
-    return checkStatement(executePrepared(query), checkDatabaseReleaseSignature, query);
+    return executePrepared(query);
 }
 
-/// Whether the look-up failed for another reason than a file that has no such table, or is no database at
-/// all: one that is locked or damaged, or a disk that fails, says nothing of the release.
+/// Whether a look-up failed for another reason than a file that has no such table, or is no database at all:
+/// one that is locked or damaged, or a disk that fails, says nothing of the release.
 bool cannotTellRelease(const QSqlQuery &query)
 {
     constexpr int primaryCode = 0xff; // SQLite's extended result codes hold the primary one in their low byte
@@ -100,35 +95,109 @@ bool ConfigDatabase::createDatabase()
         qInfo() << "Error: connection with database fail";
         return false;
     }
-    qInfo() << "Database: connection ok : populating fresh data";
-    // All or nothing: a power cut or a full disk on the way leaves an empty file, which counts as none.
-    m_database.transaction();
-    initUartBlacklist();
-    initSystemConfiguration();
-    initAdapters();
-    initDataForwarder();
-    initPendingActions();
-    if (!m_database.commit())
-        qInfo() << "Database: fresh data could not be stored : " << m_database.lastError();
+    fillNewFile();
     m_database.close();
     return true;
 }
 
-void ConfigDatabase::initUartBlacklist()
+/// Fills the open file when it holds no table, as a power cut or a full disk leaves it, and makes the release
+/// check when it is due.
+void ConfigDatabase::prepareFile()
 {
-    createTable(QStringLiteral("CREATE TABLE port_blacklist(ids integer primary key, port text);"),
-        initUartBlacklistSignature);
+    m_setupError = QSqlError();
+    QSqlQuery query;
+    const bool looked = query.exec(selectTablesStatement);
+    if (!looked && cannotTellRelease(query)) {
+        checkSetup(false, checkDatabaseReleaseSignature, query);
+        finishSetup(false);
+        return;
+    }
+    const bool isNew = looked && !query.next();
+    query.finish();
+    if (isNew) {
+        if (!m_setupFailureLogged)
+            qInfo() << "Creating a brand new Database";
+        if (!fillNewFile())
+            return; // migrating it would leave half of the tables
+    }
+    if (m_releaseCheckPending)
+        checkDatabaseRelease();
+    else
+        finishSetup(true);
+}
+
+bool ConfigDatabase::fillNewFile()
+{
+    m_setupError = QSqlError();
+    QSqlQuery query;
+    const bool stored = query.exec(QStringLiteral("BEGIN IMMEDIATE")) && fillUnlessFilled(query)
+        && query.exec(QStringLiteral("COMMIT"));
+    if (!stored) {
+        if (!m_setupError.isValid())
+            m_setupError = query.lastError();
+        query.exec(QStringLiteral("ROLLBACK"));
+        if (!m_setupFailureLogged)
+            qInfo() << "Database: fresh data could not be stored : " << m_setupError;
+    }
+    finishSetup(stored);
+    return stored;
+}
+
+/// Looks again, now under the write lock: another program may just have filled the file.
+bool ConfigDatabase::fillUnlessFilled(QSqlQuery &query)
+{
+    if (!query.exec(selectTablesStatement))
+        return false;
+    const bool isFilled = query.next();
+    query.finish();
+    if (isFilled)
+        return true;
+    if (!m_setupFailureLogged)
+        qInfo() << "Database: connection ok : populating fresh data";
+    // A statement that fails may have taken back all before it, and what followed would be kept alone.
+    return initUartBlacklist() && initSystemConfiguration() && initAdapters() && initDataForwarder()
+        && initPendingActions() && completeNewFile(query);
+}
+
+/// What keeps failing is tried again at every operation, and logged once.
+void ConfigDatabase::finishSetup(bool succeeded)
+{
+    if (succeeded && m_setupFailureLogged)
+        qInfo() << "Database: the file can be used now";
+    m_setupFailureLogged = !succeeded;
+}
+
+bool ConfigDatabase::checkSetup(bool succeeded, const char *operation, const QSqlQuery &query)
+{
+    if (!succeeded && !m_setupError.isValid())
+        m_setupError = query.lastError();
+    return m_setupFailureLogged ? succeeded : checkStatement(succeeded, operation, query);
+}
+
+bool ConfigDatabase::createTable(const QString &statement, const char *operation)
+{
+    QSqlQuery query;
+    query.prepare(statement);
+    return checkSetup(executePrepared(query), operation, query);
+}
+
+bool ConfigDatabase::initUartBlacklist()
+{
+    bool succeeded =
+        createTable(QStringLiteral("CREATE TABLE port_blacklist(ids integer primary key, port text);"),
+            initUartBlacklistSignature);
     QSqlQuery query;
     const bool prepared = query.prepare(QStringLiteral("INSERT INTO port_blacklist (port) VALUES (:port)"));
     for (const QString &port : defaultBlacklist) {
         query.bindValue(QStringLiteral(":port"), port);
-        checkStatement(prepared && query.exec(), initUartBlacklistSignature, query);
+        succeeded &= checkSetup(prepared && query.exec(), initUartBlacklistSignature, query);
     }
+    return succeeded;
 }
 
-void ConfigDatabase::initSystemConfiguration()
+bool ConfigDatabase::initSystemConfiguration()
 {
-    createTable(
+    bool succeeded = createTable(
         QStringLiteral("CREATE TABLE system_configuration(ids integer primary key, name text, value text);"),
         initSystemConfigurationSignature);
     QSqlQuery query;
@@ -136,25 +205,28 @@ void ConfigDatabase::initSystemConfiguration()
     for (const SystemKey &key : defaultKeys) {
         query.bindValue(QStringLiteral(":name"), key.name);
         query.bindValue(QStringLiteral(":value"), key.value);
-        checkStatement(prepared && query.exec(), initSystemConfigurationSignature, query);
+        succeeded &= checkSetup(prepared && query.exec(), initSystemConfigurationSignature, query);
     }
+    return succeeded;
 }
 
-void ConfigDatabase::initAdapters()
+bool ConfigDatabase::initAdapters()
 {
-    createTable(QStringLiteral("CREATE TABLE radio_adapters(ids integer primary key, method text, port text, "
-                               "name text, autobaud bool, tx_enabled bool, baudrate int, enabled bool, "
-                               "discovered bool, status int, esn text);"),
+    return createTable(
+        QStringLiteral("CREATE TABLE radio_adapters(ids integer primary key, method text, port text, "
+                       "name text, autobaud bool, tx_enabled bool, baudrate int, enabled bool, "
+                       "discovered bool, status int, esn text);"),
         initAdaptersSignature);
 }
 
-void ConfigDatabase::initDataForwarder()
+bool ConfigDatabase::initDataForwarder()
 {
     // The type of "context" is written "test" on purpose: SQLite takes any name, and tools compare the
     // schema.
-    createTable(QStringLiteral(
-                    "CREATE TABLE IF NOT EXISTS data_forwarder(ids integer primary key, type text, secret "
-                    "text, context test, comment text, target text, port text, enabled bool, status int);"),
+    const bool created = createTable(
+        QStringLiteral(
+            "CREATE TABLE IF NOT EXISTS data_forwarder(ids integer primary key, type text, secret "
+            "text, context test, comment text, target text, port text, enabled bool, status int);"),
         initDataForwarderSignature);
     QSqlQuery query;
     query.prepare(QStringLiteral(
@@ -168,12 +240,12 @@ void ConfigDatabase::initDataForwarder()
     query.bindValue(QStringLiteral(":port"), QStringLiteral(""));
     query.bindValue(QStringLiteral(":enabled"), true);
     query.bindValue(QStringLiteral(":status"), 0);
-    checkStatement(executePrepared(query), initDataForwarderSignature, query);
+    return checkSetup(executePrepared(query), initDataForwarderSignature, query) && created;
 }
 
-void ConfigDatabase::initPendingActions()
+bool ConfigDatabase::initPendingActions()
 {
-    createTable(QStringLiteral("CREATE TABLE pending_actions(ids integer primary key, command text);"),
+    return createTable(QStringLiteral("CREATE TABLE pending_actions(ids integer primary key, command text);"),
         initPendingActionsSignature);
 }
 
@@ -181,8 +253,13 @@ void ConfigDatabase::checkDatabaseRelease()
 {
     QSqlQuery query;
     QString release = UNDEFINED_VALUE;
-    if (!lookUpKey(query, BDD_RELEASE_KEY) && cannotTellRelease(query))
+    const bool found = lookUpKey(query, BDD_RELEASE_KEY);
+    if (!checkSetup(found, checkDatabaseReleaseSignature, query) && cannotTellRelease(query)) {
+        finishSetup(false);
         return; // migrating a current file would cost its outputs
+    }
+    m_releaseCheckPending = false;
+    finishSetup(true);
     if (query.next())
         release = query.value(QStringLiteral("value")).toString();
     if (release == BDD_RELEASE_VALUE)
@@ -238,7 +315,7 @@ void ConfigDatabase::migrateFromRelease10(QSqlQuery &query)
 void ConfigDatabase::insertMissingKey(
     QSqlQuery &query, const QString &key, const QString &value, const char *insertedText)
 {
-    if (!lookUpKey(query, key) || query.next())
+    if (!checkStatement(lookUpKey(query, key), checkDatabaseReleaseSignature, query) || query.next())
         return;
     query.clear();
     query.prepare(insertKeyStatement);

@@ -23,6 +23,27 @@ QString outputs(const TestDatabase &file)
     return file.run("SELECT group_concat(type || target || status, ' ') FROM data_forwarder"_s);
 }
 
+QString tables(const TestDatabase &file)
+{
+    return file.run("SELECT group_concat(name, ' ') FROM sqlite_master WHERE type = 'table'"_s);
+}
+
+const QString allTables =
+    "port_blacklist system_configuration radio_adapters data_forwarder pending_actions"_s;
+
+/// Another program that runs statements on the file, pauses for some seconds and then runs others.
+class Tool : public QProcess
+{
+public:
+    Tool(const TestDatabase &file, const QByteArray &before, int pause, const QByteArray &after)
+    {
+        start("sqlite3"_s, {file.path()});
+        write(before + "\n.shell echo pausing; sleep " + QByteArray::number(pause) + '\n' + after + '\n');
+        closeWriteChannel();
+        waitForReadyRead();
+    }
+};
+
 } // namespace
 
 class TestConfig : public QObject
@@ -35,8 +56,8 @@ private slots:
     void migration();
     void adapterRows();
     void forwarderRows();
-    void deletedOrEmptyFileIsFilled();
-    void fullDiskLeavesNoHalfFile();
+    void creationIsWholeOrNothing();
+    void contentTellsWhetherAFileIsNew();
     void damagedFileKeepsItsOutputs();
     void failedStatementsNameTheirOperation();
     void lockedFileIsWaitedFor();
@@ -129,9 +150,6 @@ void TestConfig::migration()
     QTEST(lines.join(u'\n'), "logged");
     QTEST(keysAndValues(file), "keys");
     QTEST(outputs(file), "forwarders");
-    QVERIFY(file.run("SELECT sql FROM sqlite_master WHERE name = 'radio_adapters'"_s).contains(" esn "_s));
-    QVERIFY(
-        file.run("SELECT sql FROM sqlite_master WHERE name = 'data_forwarder'"_s).contains(" context "_s));
 }
 
 void TestConfig::adapterRows()
@@ -190,31 +208,48 @@ void TestConfig::forwarderRows()
     QCOMPARE(log.count("looking for configuration for forwarder id= 7  but not found in database"_s), 1);
 }
 
-void TestConfig::deletedOrEmptyFileIsFilled()
+void TestConfig::creationIsWholeOrNothing()
 {
-    const TestDatabase file;
-    QVERIFY(QFile(file.path()).open(QIODevice::WriteOnly));
-    FreshDatabase database(file.path());
-    QCOMPARE(outputs(file), "GCP0"_s);
-    database.updateForwarderStatus(1, DataForwarderConfig::Failed);
-    QVERIFY(QFile::remove(file.path()));
-    QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
-    QCOMPARE(outputs(file), "GCP0"_s);
-}
-
-void TestConfig::fullDiskLeavesNoHalfFile()
-{
-    const TestDatabase file;
     rlimit unlimited = {};
     QCOMPARE(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
-    ::signal(SIGXFSZ, SIG_IGN);
     const rlimit twoPages = {8192, unlimited.rlim_max};
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &twoPages), 0);
-    FreshDatabase database(file.path());
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
-    QCOMPARE(QFileInfo(file.path()).size(), 0);
-    QVERIFY(!database.hasPendingActions());
-    QCOMPARE(outputs(file), "GCP0"_s);
+    ::signal(SIGXFSZ, SIG_IGN);
+    QStringList operations{"UartBlacklist"_s, "SystemConfiguration"_s, "Adapters"_s, "DataForwarder"_s,
+        "PendingActions"_s, "nothing"_s};
+    for (const QString &view : allTables.split(u' ') + QStringList("full_disk"_s)) {
+        const TestDatabase file;
+        file.run("CREATE VIEW %1 AS SELECT 1"_s.arg(view)); // where a table is to be made, but for the last
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, view == "full_disk"_s ? &twoPages : &unlimited), 0);
+        LogCapture log;
+        FreshDatabase database(file.path());
+        QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "undefined"_s);
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+        QCOMPARE(tables(file), QString());
+        const QString failed = "void ConfigDatabase::init%1()  : error caught :  QSqlError("_s;
+        QVERIFY(log.count(failed.arg(operations.takeFirst())) > 0 || view == "full_disk"_s);
+        QCOMPARE(log.count("Creating a brand new Database"_s), 1);
+        QCOMPARE(log.count("fresh data"_s), 2); // that it is stored, and that it could not be
+        file.run("DROP VIEW "_s + view);
+        QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
+        QCOMPARE(tables(file), allTables);
+    }
+}
+
+void TestConfig::contentTellsWhetherAFileIsNew()
+{
+    const TestDatabase interrupted; // the journal takes back what the file holds
+    Tool killed(interrupted,
+        "PRAGMA cache_size = 1; BEGIN; CREATE TABLE port_blacklist AS SELECT zeroblob(100000);", 3, {});
+    killed.kill();
+    QVERIFY(killed.waitForFinished() && QFileInfo(interrupted.path()).size() > 0);
+    FreshDatabase repeated(interrupted.path());
+    QCOMPARE(tables(interrupted), allTables);
+
+    const TestDatabase foreign; // another program fills it meanwhile
+    Tool filling(foreign, "BEGIN IMMEDIATE;", 1, "CREATE TABLE tool(x); COMMIT;");
+    FreshDatabase waiting(foreign.path());
+    QVERIFY(filling.waitForFinished());
+    QCOMPARE(tables(foreign), "tool system_configuration"_s); // the second one by the migration
 }
 
 void TestConfig::damagedFileKeepsItsOutputs()
@@ -224,37 +259,49 @@ void TestConfig::damagedFileKeepsItsOutputs()
     file.addForwarder("RAW"_s, "kept"_s);
     const int page =
         file.run("SELECT rootpage FROM sqlite_master WHERE name = 'system_configuration'"_s).toInt();
-    const QString name = QFileInfo(file.path()).fileName();
-    file.writeFile(name, file.readFile(name).replace((page - 1) * 4096, 64, QByteArray(64, '\xff')));
+    file.writeFile("quillon.sqlite"_s,
+        file.readFile("quillon.sqlite"_s).replace((page - 1) * 4096, 64, QByteArray(64, '\xff')));
     LogCapture log;
     FreshDatabase database(file.path());
     QCOMPARE(log.count("Old database schema detected"_s), 0);
+    QCOMPARE(log.count("checkDatabaseRelease()"_s), 1); // although it stays due
     QCOMPARE(outputs(file), "GCP0 RAWkept0"_s);
 }
 
 void TestConfig::failedStatementsNameTheirOperation()
 {
     const TestDatabase file;
-    FreshDatabase database(file.path());
-    for (const char *table : {"radio_adapters", "system_configuration", "data_forwarder", "pending_actions"})
-        file.run("DROP TABLE %1"_s.arg(QLatin1String(table)));
+    makeFile(file);
+    file.addRadio("pts/999"_s);
+    file.run("INSERT INTO pending_actions (command) VALUES ('stays')"_s);
+    file.run("DELETE FROM system_configuration WHERE name = 'forward_invalid_data'"_s);
+    file.setKey(BDD_RELEASE_KEY, "1.0"_s);
+    for (const char *change :
+        {"INSERT ON system_configuration", "UPDATE ON system_configuration", "INSERT ON radio_adapters",
+            "UPDATE ON radio_adapters", "UPDATE ON data_forwarder", "DELETE ON pending_actions"})
+        file.run("CREATE TRIGGER \"%1\" BEFORE %1 BEGIN SELECT RAISE(ABORT, 'no'); END"_s.arg(
+            QLatin1String(change)));
 
     LogCapture log;
+    FreshDatabase database(file.path());
     const auto config = QSharedPointer<RadioAdapterConfig>::create();
     database.addDiscoveredAdapter(config);
     QCOMPARE(config->ids, -1);
+    config->ids = 1;
     database.updateDiscoveredAdapter(config);
-    database.updateForwarderStatus(3, DataForwarderConfig::Failed);
-    for (const QString &operation : {"addDiscoveredAdapter(QSharedPointer<RadioAdapterConfig>)"_s,
-             "updateDiscoveredAdapter(QSharedPointer<RadioAdapterConfig>)"_s,
-             "updateForwarderStatus(int, DataForwarderConfig::ForwarderStatus)"_s})
-        QCOMPARE(log.count("void ConfigDatabase::%1  : error caught :  QSqlError("_s.arg(operation)), 1);
-
-    log.clear(); // what reads is silent
-    QVERIFY(database.getRadioAdapters().isEmpty() && database.getDataForwarders().isEmpty());
-    QCOMPARE(database.getFirstPendingActions(), QString());
-    QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "undefined"_s);
-    QCOMPARE(log.text(), QString());
+    for (int i = 0; i < 2; ++i)
+        QCOMPARE(database.getFirstPendingActions(), "STAYS"_s);
+    QStringList operations;
+    for (const QString &line : log.text().split(u'\n'))
+        operations += line.section("  : error caught :  QSqlError("_s, 0, 0);
+    QCOMPARE(operations.filter("ConfigDatabase::"_s),
+        (QStringList{"void ConfigDatabase::checkDatabaseRelease()"_s,
+            "void ConfigDatabase::updateSchemaVersion()"_s, "void ConfigDatabase::resetAdapters()"_s,
+            "void ConfigDatabase::updateForwarderStatus(int, DataForwarderConfig::ForwarderStatus)"_s,
+            "void ConfigDatabase::addDiscoveredAdapter(QSharedPointer<RadioAdapterConfig>)"_s,
+            "void ConfigDatabase::updateDiscoveredAdapter(QSharedPointer<RadioAdapterConfig>)"_s,
+            "QString ConfigDatabase::getFirstPendingActions()"_s,
+            "QString ConfigDatabase::getFirstPendingActions()"_s}));
 }
 
 void TestConfig::lockedFileIsWaitedFor()
@@ -263,19 +310,15 @@ void TestConfig::lockedFileIsWaitedFor()
         const TestDatabase file;
         makeFile(file);
         file.addForwarder("RAW"_s, "kept"_s);
-        QProcess tool;
-        tool.start("sqlite3"_s, {file.path()});
-        tool.write("BEGIN EXCLUSIVE;\nSELECT 'locked';\n");
-        QVERIFY(tool.waitForReadyRead());
-        tool.write(".shell sleep " + QByteArray::number(seconds) + "\nCOMMIT;\n");
-        QVERIFY(tool.waitForBytesWritten());
-        tool.closeWriteChannel();
+        file.setKey(BDD_RELEASE_KEY, "1.0"_s);
+        Tool tool(file, "BEGIN EXCLUSIVE;", seconds, "COMMIT;");
 
         LogCapture log;
         FreshDatabase database(file.path());
         QCOMPARE(log.count("database is locked"_s), seconds == 1 ? 0 : 1);
         QVERIFY(tool.waitForFinished());
         QCOMPARE(outputs(file), "GCP0 RAWkept0"_s);
+        QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
     }
 }
 
