@@ -22,6 +22,13 @@ void wakeEventLoop(int)
     errno = savedErrno;
 }
 
+/// As nohup(1) wants it.
+bool isHangupIgnored()
+{
+    struct sigaction action = {};
+    return ::sigaction(SIGHUP, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 void handleTerminationWith(void (*handler)(int))
 {
     struct sigaction action = {};
@@ -29,6 +36,8 @@ void handleTerminationWith(void (*handler)(int))
     action.sa_flags = SA_RESTART;
     for (const int signal : std::array{SIGTERM, SIGINT})
         ::sigaction(signal, &action, nullptr);
+    if (!isHangupIgnored())
+        ::sigaction(SIGHUP, &action, nullptr);
 }
 
 } // namespace

@@ -2,7 +2,8 @@
 
 #include <QObject>
 
-/// Turns SIGTERM and SIGINT into a normal end of the event loop with exit code 0, so that destructors run.
+/// Turns SIGTERM, SIGINT and SIGHUP into a normal end of the event loop with exit code 0, so that destructors
+/// run.
 /// One instance at a time.
 class TerminationSignals : public QObject
 {

@@ -1,3 +1,4 @@
+#include "app/InstanceLock.h"
 #include "app/LogHandler.h"
 #include "app/SupervisionManager.h"
 #include "app/TerminationSignals.h"
@@ -14,7 +15,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-static void readCommandLine(const QCoreApplication &application)
+static constexpr int alreadyRunningCode = 2;
+
+/// The path of the database file.
+static QString readCommandLine(const QCoreApplication &application)
 {
     const QCommandLineOption configFile({QStringLiteral("c"), QStringLiteral("configfile")},
         QCoreApplication::translate("main", "Configuration file (default is /tmp/ostraForwarder.sqlite)."),
@@ -28,12 +32,11 @@ static void readCommandLine(const QCoreApplication &application)
 
     if (!parser.isSet(configFile)) {
         qInfo() << "Using default configuration";
-        return;
+        return ConfigDatabase::defaultPath();
     }
     const QString path = parser.value(configFile);
     qInfo() << "Using custom configuration : " << path;
-    if (!path.isEmpty())
-        ConfigDatabase::getInstance(path);
+    return path.isEmpty() ? ConfigDatabase::defaultPath() : path;
 }
 
 /// A descriptor for standard input, output or error that is closed would be given to the next file or device
@@ -57,8 +60,14 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral("0.23.0"));
     const TerminationSignals terminationSignals;
 
-    readCommandLine(application);
-    const QString autoKill = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
+    const QString path = readCommandLine(application);
+    const InstanceLock lock(path); // before the database is touched, which resets what is another daemon's
+    if (lock.isHeldElsewhere()) {
+        qCritical() << "Another daemon uses the configuration file - exiting : " << path;
+        return alreadyRunningCode;
+    }
+    const QString autoKill =
+        ConfigDatabase::getInstance(path)->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
     if (autoKill.toUpper() == QLatin1String("TRUE"))
         AutoKill::getInstance()->start();
 

@@ -3,6 +3,7 @@
 #include "support/PluggedRadio.h"
 #include "support/TestDatabase.h"
 
+#include <csignal>
 #include <fcntl.h>
 #include <memory>
 #include <sys/ioctl.h>
@@ -85,11 +86,14 @@ void TestDaemon::initTestCase()
     QVERIFY(m_fast.setLink(m_file.file("fast"_s)) && m_slow.setLink(m_file.file("slow"_s)));
     m_file.addRadio(m_fast.link(), "fast"_s);
     m_file.addRadio(m_slow.link(), "slow"_s);
+    m_file.setKey("autokill_enabled"_s, "tRUe"_s);
+    m_file.setKey("autokill_url"_s, "nowhere"_s);
     m_daemon.start({"-c"_s, m_file.path()});
 }
 
 void TestDaemon::framesReachEveryOutput()
 {
+    QVERIFY(m_daemon.waitForLog("AutoKill : "_s));
     QTRY_VERIFY_WITH_TIMEOUT(m_fast.isIdle() && m_slow.isIdle(), firstScanAndIdentification);
     QCOMPARE(m_file.run("SELECT status, esn FROM radio_adapters"_s), "1|28940001\n1|37980002"_s);
     QVERIFY(m_slow.shown.contains("Radio nommee slow branchee sur le port "_s + m_slow.link()));
@@ -105,6 +109,13 @@ void TestDaemon::framesReachEveryOutput()
     const QByteArray lines = m_file.readFile("frames.log"_s);
     QVERIFY(lines.contains("\nREAD: \x02" + frame + "\x03\n"));
     QVERIFY(lines.contains("\nWRITE: \x02*GET,INFO,COMMENT,1\x03\n"));
+
+    QVERIFY(QFile::link(m_file.path(), m_file.file("other name"_s)));
+    Daemon second;
+    second.start({"-c"_s, m_file.file("other name"_s)});
+    QVERIFY(second.waitForFinished(5000) && second.waitForExit() == 2);
+    QVERIFY(second.log().contains("Critical: Another daemon uses the configuration file"_s));
+    QCOMPARE(m_file.run("SELECT group_concat(status) FROM data_forwarder"_s), "0,3,3,3,3,0,3,0"_s);
 }
 
 void TestDaemon::vanishedRadioCostsNothing()
@@ -140,7 +151,8 @@ void TestDaemon::pendingActionsSteerIt()
 void TestDaemon::rebootRunsTheProgramWithoutArguments()
 {
     QVERIFY(QDir(m_file.folder()).mkdir("sbin"_s));
-    m_file.writeFile("sbin/reboot"_s, "#!/bin/sh\necho \"rebooted with $# arguments\" >&2\nexit 1\n");
+    m_file.writeFile("sbin/reboot"_s,
+        "#!/bin/sh\nls -l /proc/self/fd >&2\necho \"rebooted with $# arguments\" >&2\nexit 1\n");
 
     // The machine's own program is out of reach for the daemon: all of /sbin is this stub.
     const QString shell = "mount --bind '%1' \"$(readlink -f /sbin)\"; test ! -e /sbin/mkfs;"
@@ -152,6 +164,7 @@ void TestDaemon::rebootRunsTheProgramWithoutArguments()
     QVERIFY(daemon.waitForLog("rebooted with 0 arguments"_s));
     QCOMPARE(m_file.run("SELECT * FROM pending_actions"_s), QString());
     QCOMPARE(daemon.end(), 0); // a reboot that fails changes nothing
+    QVERIFY2(!daemon.log().contains(".lock"_s), "a child of the daemon must not keep the next one off");
 }
 
 void TestDaemon::unusableFiles()
@@ -159,6 +172,8 @@ void TestDaemon::unusableFiles()
     Daemon unopenable;
     unopenable.start({"-c"_s, m_file.file("missing/folder.sqlite"_s)});
 
+    QVERIFY(QFile::link("/nowhere/at/all"_s, m_file.file("rubbish.lock"_s))); // runs without a lock, too
+    ::signal(SIGHUP, SIG_DFL); // whatever this test was started with
     const QByteArray rubbish(3000, '?');
     Daemon daemon;
     daemon.start({"-c"_s, m_file.writeFile("rubbish"_s, rubbish)});
@@ -169,7 +184,8 @@ void TestDaemon::unusableFiles()
     // With a database in its place, the next operation works.
     QVERIFY(QFile::remove(m_file.file("rubbish"_s)));
     QVERIFY(daemon.waitForLog("populating fresh data"_s));
-    QCOMPARE(daemon.end(), 0);
+    ::kill(pid_t(daemon.processId()), SIGHUP);
+    QCOMPARE(daemon.waitForExit(), 0);
 
     QCOMPARE(unopenable.waitForExit(), 255);
     QVERIFY(unopenable.log().contains("Info: Error: connection with database fail\n"_s));

@@ -1,0 +1,54 @@
+#include "app/InstanceLock.h"
+
+#include <QDebug>
+#include <QFile>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace {
+
+/// One lock for one file, by whatever path it is named.
+QString lockPath(const QString &databasePath)
+{
+    const QFileInfo file(databasePath);
+    if (file.exists())
+        return file.canonicalFilePath() + QStringLiteral(".lock");
+    const QFileInfo folder(file.absolutePath());
+    const QString path = folder.exists() ? folder.canonicalFilePath() : folder.filePath();
+    return path + QLatin1Char('/') + file.fileName() + QStringLiteral(".lock");
+}
+
+/// No link is followed, and nothing that a stranger put into a shared folder is waited for. A child such as
+/// the reboot program must not keep the lock.
+int openLockFile(const QByteArray &path)
+{
+    constexpr int flags = O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    const int descriptor = ::open(path.constData(), O_RDWR | O_CREAT | flags, 0644);
+    // Another user's file, or one on a read-only file system, can be locked all the same.
+    return descriptor >= 0 ? descriptor : ::open(path.constData(), O_RDONLY | flags);
+}
+
+} // namespace
+
+InstanceLock::InstanceLock(const QString &databasePath)
+    : m_descriptor(openLockFile(QFile::encodeName(lockPath(databasePath))))
+{
+    if (m_descriptor >= 0 && ::flock(m_descriptor, LOCK_EX | LOCK_NB) == 0)
+        return;
+    m_heldElsewhere = m_descriptor >= 0 && errno == EWOULDBLOCK;
+    if (!m_heldElsewhere) {
+        qWarning() << "A second daemon on this file would not be noticed, there is no lock : "
+                   << lockPath(databasePath) << std::strerror(errno);
+    }
+}
+
+InstanceLock::~InstanceLock()
+{
+    if (m_descriptor >= 0)
+        ::close(m_descriptor);
+}
