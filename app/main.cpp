@@ -1,6 +1,7 @@
 #include "app/InstanceLock.h"
 #include "app/LogHandler.h"
 #include "app/SupervisionManager.h"
+#include "app/SystemdNotifier.h"
 #include "app/TerminationSignals.h"
 #include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
@@ -74,6 +75,7 @@ int main(int argc, char *argv[])
     const auto discoverer = QSharedPointer<SerialDiscoverer>::create();
     discoverer->initForwarders();
     const SupervisionManager supervisionManager(nullptr, discoverer); // goes first, the discoverer after it
+    const SystemdNotifier systemdNotifier;
 
     return QCoreApplication::exec();
 }

@@ -5,6 +5,8 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,62 +41,73 @@ class TestApp : public QObject
     Q_OBJECT
 
 private slots:
-    void logHandler_data();
     void logHandler();
-    void interruptEndsIt();
+    void lifeUnderSystemd();
     void defaultConfiguration();
     void commandLine();
 };
 
-void TestApp::logHandler_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QByteArray>("output");
-    const auto row = [](const char *name, int type, const char *output) {
-        QTest::newRow(name) << type << QByteArray(output);
-    };
-    row("debug", QtDebugMsg, "Debug: 50 %s é\nsyslog 7 ostraserialtonetwork (debug): 50 %s é\n");
-    row("info", QtInfoMsg, "Info: 50 %s é\nsyslog 6 ostraserialtonetwork (info): 50 %s é\n");
-    row("warning", QtWarningMsg, "Warning: 50 %s é\nsyslog 4 ostraserialtonetwork (warning): 50 %s é\n");
-    row("critical", QtCriticalMsg, "Critical: 50 %s é\nsyslog 2 ostraserialtonetwork (critical): 50 %s é\n");
-    row("fatal", QtFatalMsg, "Fatal: 50 %s é\nsyslog 1 ostraserialtonetwork (alert): 50 %s é\n");
-    row("no such type", 17, "");
-}
-
 void TestApp::logHandler()
 {
-    QFETCH(int, type);
-    QFETCH(QByteArray, output);
-    int pipeEnds[2];
-    QCOMPARE(::pipe(pipeEnds), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-        ::signal(SIGABRT, SIG_DFL);
-        ::dup2(pipeEnds[1], STDERR_FILENO);
-        handleLogMessage(QtMsgType(type), QMessageLogContext(), "50 %s é"_s);
-        ::_exit(0);
+    const QPair<int, QByteArray> cases[] = {
+        {QtDebugMsg, "Debug: 50 %s é\nsyslog 7 ostraserialtonetwork (debug): 50 %s é\n"},
+        {QtInfoMsg, "Info: 50 %s é\nsyslog 6 ostraserialtonetwork (info): 50 %s é\n"},
+        {QtWarningMsg, "Warning: 50 %s é\nsyslog 4 ostraserialtonetwork (warning): 50 %s é\n"},
+        {QtCriticalMsg, "Critical: 50 %s é\nsyslog 2 ostraserialtonetwork (critical): 50 %s é\n"},
+        {QtFatalMsg, "Fatal: 50 %s é\nsyslog 1 ostraserialtonetwork (alert): 50 %s é\n"},
+        {17, ""}, // no such type
+    };
+    for (const auto &[type, output] : cases) {
+        int pipeEnds[2];
+        QCOMPARE(::pipe(pipeEnds), 0);
+        const pid_t child = ::fork();
+        if (child == 0) {
+            ::signal(SIGABRT, SIG_DFL);
+            ::dup2(pipeEnds[1], STDERR_FILENO);
+            handleLogMessage(QtMsgType(type), QMessageLogContext(), "50 %s é"_s);
+            ::_exit(0);
+        }
+        ::close(pipeEnds[1]);
+        QFile standardError;
+        QVERIFY(standardError.open(pipeEnds[0], QIODevice::ReadOnly, QFile::AutoCloseHandle));
+        QByteArray written = standardError.readAll();
+        written.replace(
+            "qemu: uncaught target signal 6 (Aborted) - core dumped\n", ""); // an emulator's own word
+        QCOMPARE(written, output);
+        int status = 0;
+        QCOMPARE(::waitpid(child, &status, 0), child);
+        QCOMPARE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, type == QtFatalMsg);
     }
-    ::close(pipeEnds[1]);
-    QFile standardError;
-    QVERIFY(standardError.open(pipeEnds[0], QIODevice::ReadOnly, QFile::AutoCloseHandle));
-    QByteArray written = standardError.readAll();
-    written.replace("qemu: uncaught target signal 6 (Aborted) - core dumped\n", ""); // an emulator's own word
-    QCOMPARE(written, output);
-    int status = 0;
-    QCOMPARE(::waitpid(child, &status, 0), child);
-    QCOMPARE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT, type == QtFatalMsg);
 }
 
-void TestApp::interruptEndsIt()
+void TestApp::lifeUnderSystemd()
 {
     const TestDatabase file;
+    sockaddr_un address = {AF_UNIX, {}};
+    qstrncpy(address.sun_path, QFile::encodeName(file.file("notify"_s)).constData(), sizeof address.sun_path);
+    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const auto closed = qScopeGuard([socket] { ::close(socket); });
+    QCOMPARE(::bind(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+
     Daemon daemon;
+    daemon.setEnvironment(QProcess::systemEnvironment()
+        + QStringList{"NOTIFY_SOCKET="_s + file.file("notify"_s), "WATCHDOG_USEC=1000000"_s});
     daemon.start({"-c"_s, file.path(), "ignored"_s, "words"_s});
-    QVERIFY(daemon.waitForLog("populating fresh data"_s));
+    QElapsedTimer sinceReady;
+    for (const char *expected : {"READY=1", "WATCHDOG=1", "WATCHDOG=1"}) {
+        char message[100] = {};
+        QVERIFY(QTest::qWaitFor([&] { return ::recv(socket, message, sizeof message - 1, 0) > 0; }, 10000));
+        QCOMPARE(QByteArray(message), QByteArray(expected));
+        if (!sinceReady.isValid())
+            sinceReady.start();
+    }
+    QVERIFY2(sinceReady.elapsed() >= 400 && sinceReady.elapsed() < 5000, "at a quarter of the interval");
+
     QVERIFY(daemon.log().startsWith(
         "Info: Using custom configuration :  \"%1\"\nInfo: Creating a brand new"_s.arg(file.path())));
     ::kill(pid_t(daemon.processId()), SIGINT);
     QCOMPARE(daemon.waitForExit(), 0);
+    QVERIFY(!daemon.log().contains("AutoKill"_s));
 }
 
 void TestApp::defaultConfiguration()
