@@ -5,7 +5,7 @@ _quillonctl_words()
 {
     local everywhere="--configfile --wait --help"
     case "$1" in
-        "") echo "status radio port forwarder config say restart reboot pending check --version $everywhere" ;;
+        "") echo "status radio port forwarder config say restart reboot pending init check --version $everywhere" ;;
         status) echo "--watch --json $everywhere" ;;
         radio) echo "list add set enable disable remove $everywhere" ;;
         "radio add") echo "--name --baud --listen-only --disabled $everywhere" ;;

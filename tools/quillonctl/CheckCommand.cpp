@@ -216,7 +216,10 @@ void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const 
         CredentialFile::fromSecret(output.value(QStringLiteral("secret")).toString());
     const QString problem = credential.problem();
     if (!problem.isEmpty()) {
-        report(Error, subject, QStringLiteral("its credential cannot be used: ") + problem,
+        report(Error, subject,
+            QStringLiteral("its credential cannot be used: %1; what it postpones stays in memory, and more "
+                           "comes with every frame")
+                .arg(problem),
             QStringLiteral("quillonctl forwarder set %1 --credentials FILE, or forwarder disable %1")
                 .arg(id));
         return;

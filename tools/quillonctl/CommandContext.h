@@ -12,10 +12,12 @@ struct CommandContext
     int waitSeconds = 5; ///< how long a locked file is waited for
     int exitCode = 0;
 
+    QString path() const
+    {
+        return checkedText(configFile, QStringLiteral("the path of the configuration file"), 4000);
+    }
     ConfigFile open(ConfigFile::Access access) const
     {
-        const QString path =
-            checkedText(configFile, QStringLiteral("the path of the configuration file"), 4000);
-        return ConfigFile(path, access, waitSeconds * 1000);
+        return ConfigFile(path(), access, waitSeconds * 1000);
     }
 };

@@ -16,4 +16,5 @@ void addPortCommands(CLI::App &app, CommandContext &context);
 void addForwarderCommands(CLI::App &app, CommandContext &context);
 void addConfigCommands(CLI::App &app, CommandContext &context);
 void addQueueCommands(CLI::App &app, CommandContext &context);
+void addInitCommand(CLI::App &app, CommandContext &context);
 void addCheckCommand(CLI::App &app, CommandContext &context);
