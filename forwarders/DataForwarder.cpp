@@ -1,7 +1,6 @@
 #include "forwarders/DataForwarder.h"
 
 #include "config/ConfigDatabase.h"
-#include "protocol/RadioLink.h"
 
 DataForwarder::DataForwarder(QObject *parent, int id) : QObject(parent), m_id(id) { }
 

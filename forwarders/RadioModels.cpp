@@ -4,13 +4,6 @@
 
 namespace {
 
-struct RadioModel
-{
-    QLatin1String esnPrefix;
-    QLatin1String model;
-    QLatin1String band;
-};
-
 constexpr int prefixLength = 4;
 
 const RadioModel models[] = {
@@ -28,17 +21,23 @@ const RadioModel unknownModel = {QLatin1String(), QLatin1String("unknown"), QLat
 
 const RadioModel &modelOf(const QString &esn)
 {
+    const RadioModel &model = findRadioModel(esn);
+    if (&model == &unknownModel && !esn.isEmpty())
+        qInfo() << "Unknown model : " << esn;
+    return model;
+}
+
+} // namespace
+
+const RadioModel &findRadioModel(const QString &esn)
+{
     const QString prefix = esn.left(prefixLength);
     for (const RadioModel &model : models) {
         if (prefix == model.esnPrefix)
             return model;
     }
-    if (!prefix.isEmpty())
-        qInfo() << "Unknown model : " << esn;
     return unknownModel;
 }
-
-} // namespace
 
 QString getRadioModel(const QString &esn)
 {

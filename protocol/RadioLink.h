@@ -11,6 +11,13 @@ class RadioAdapterConfig;
 class RadioLink
 {
 public:
+    /// How far the adapter has come with its radio.
+    enum State {
+        Searching, ///< nothing has answered yet; a radio that is only listened to stays here
+        Identified,
+        Stopped, ///< given up
+    };
+
     virtual ~RadioLink() = default;
 
     /// The radio's row, as the adapter knows it.

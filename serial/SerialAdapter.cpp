@@ -42,6 +42,7 @@ SerialAdapter::~SerialAdapter()
 void SerialAdapter::start(QSharedPointer<RadioAdapterConfig> config)
 {
     m_config = config;
+    emit radioChanged(Searching);
     if (m_config->tx_enabled) {
         m_validated = false;
         connect(m_timer, &QTimer::timeout, this, &SerialAdapter::timer_event);
@@ -115,6 +116,7 @@ void SerialAdapter::stop()
     ConfigDatabase::getInstance()->updateDiscoveredAdapter(m_config);
     m_commandQueue.clear();
     closePort();
+    emit radioChanged(Stopped);
     emit adapterStopped();
 }
 
@@ -242,6 +244,7 @@ void SerialAdapter::validIcomAdapter()
     m_validated = true;
     m_config->status = RadioAdapterConfig::Identified;
     ConfigDatabase::getInstance()->updateDiscoveredAdapter(m_config);
+    emit radioChanged(Identified);
 }
 
 void SerialAdapter::handleCommandResponse(QSharedPointer<IcomCommandResponse> response)
@@ -271,6 +274,7 @@ void SerialAdapter::completeHeadCommand(const IcomCommandResponse &response)
         qInfo() << "let store the radio ESN : " << answer->esn();
         m_config->esn = answer->esn();
         ConfigDatabase::getInstance()->updateDiscoveredAdapter(m_config);
+        emit radioChanged(Identified);
     }
     m_timer->start();
     sendNextCommand();

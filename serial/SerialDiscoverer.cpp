@@ -138,6 +138,7 @@ void SerialDiscoverer::startAdapter(const QSharedPointer<RadioAdapterConfig> &co
     for (const auto &forwarder : qAsConst(m_forwarders)) {
         connect(adapter, &SerialAdapter::dataReceived, forwarder.data(), &DataForwarder::forward);
         connect(adapter, &SerialAdapter::dataSent, forwarder.data(), &DataForwarder::forwardSent);
+        connect(adapter, &SerialAdapter::radioChanged, forwarder.data(), &DataForwarder::radioChanged);
     }
     // Listed first: an adapter whose port cannot be opened stops inside start(), and must be found then.
     m_adapters.append(adapter);

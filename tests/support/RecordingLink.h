@@ -37,6 +37,7 @@ public:
 signals:
     void dataReceived(QSharedPointer<IcomCommandResponse> resp);
     void dataSent(QSharedPointer<IcomCommand> command);
+    void radioChanged(RadioLink::State state);
 
 private:
     const QSharedPointer<RadioAdapterConfig> m_config = QSharedPointer<RadioAdapterConfig>::create();
