@@ -5,6 +5,7 @@
 #include "forwarders/FileDataForwarder.h"
 #include "forwarders/GcpDataForwarder.h"
 #include "forwarders/RawDataForwarder.h"
+#include "forwarders/StreamDataForwarder.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ const ForwarderKind kinds[] = {
     {QLatin1String("RAW"), newForwarder<RawDataForwarder>},
     {QLatin1String("ERAW"), newForwarder<ExtendedRawDataForwarder>},
     {QLatin1String("GCP"), newForwarder<GcpDataForwarder>},
+    {QLatin1String("STREAM"), newForwarder<StreamDataForwarder>},
 };
 
 } // namespace
