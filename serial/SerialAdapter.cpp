@@ -274,7 +274,8 @@ void SerialAdapter::completeHeadCommand(const IcomCommandResponse &response)
         qInfo() << "let store the radio ESN : " << answer->esn();
         m_config->esn = answer->esn();
         ConfigDatabase::getInstance()->updateDiscoveredAdapter(m_config);
-        emit radioChanged(Identified);
+        if (m_validated) // otherwise that is told next, with the serial number
+            emit radioChanged(Identified);
     }
     m_timer->start();
     sendNextCommand();

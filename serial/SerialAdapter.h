@@ -46,7 +46,8 @@ signals:
     void dataReceived(QSharedPointer<IcomCommandResponse> resp);
     /// A command that is about to be written, as far as forward_invalid_data allows.
     void dataSent(QSharedPointer<IcomCommand> command);
-    /// The radio is searched for, is identified, has told its serial number (Identified again) or is given up.
+    /// The radio is searched for, is identified, tells its serial number later (Identified again) or is given
+    /// up.
     void radioChanged(RadioLink::State state);
 
 private slots:

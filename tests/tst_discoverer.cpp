@@ -194,6 +194,7 @@ void TestDiscoverer::replugging()
 void TestDiscoverer::outputsLearnOfRadios()
 {
     PluggedRadio radio(19200, "28940002"_s);
+    const QString portName = radio.portName();
     m_file.addForwarder("STREAM"_s, m_file.file("stream"_s));
     m_discoverer->initForwarders();
     QLocalSocket client;
@@ -204,20 +205,20 @@ void TestDiscoverer::outputsLearnOfRadios()
             const QJsonObject record = QJsonDocument::fromJson(client.readLine()).object();
             const QString port = record.value("port"_s).toString();
             if (record.value("record"_s) == "radio"_s)
-                states.append(QStringList{port == radio.portName() ? "radio"_s : port,
-                    record.value("state"_s).toString(), record.value("esn"_s).toString(),
-                    record.value("model"_s).toString()}
-                                  .join(u' '));
+                states.append(
+                    QStringList{port == portName ? "radio"_s : port, record.value("state"_s).toString(),
+                        record.value("esn"_s).toString(), record.value("model"_s).toString()}
+                        .join(u' '));
         }
         return states.join(u'|');
     };
     QTRY_VERIFY(client.canReadLine());
-    m_discoverer->scan({"ttyUSB999"_s, radio.portName()});
+    m_discoverer->scan({"ttyUSB999"_s, portName});
     QTRY_VERIFY(read().contains("28940002"_s));
     radio.unplug();
     QTRY_COMPARE(read(),
         "ttyUSB999 searching  unknown|ttyUSB999 stopped  unknown|radio searching  unknown|"
-        "radio identified  unknown|radio identified 28940002 ICF-4162|radio stopped 28940002 ICF-4162"_s);
+        "radio identified 28940002 ICF-4162|radio stopped 28940002 ICF-4162"_s);
 }
 
 QTEST_GUILESS_MAIN(TestDiscoverer)
