@@ -1,6 +1,6 @@
 #include "forwarders/StreamServer.h"
 
-#include "forwarders/StreamClient.h"
+#include "forwarders/StreamConnection.h"
 #include "forwarders/StreamSocket.h"
 
 #include <QDebug>
@@ -85,13 +85,13 @@ void StreamServer::acceptClient()
         ::close(descriptor);
         return;
     }
-    auto *client = new StreamClient(this, descriptor);
+    auto *client = new StreamConnection(this, descriptor);
     m_clients.append(client);
-    connect(client, &StreamClient::left, this, [this, client] { removeClient(client); });
+    connect(client, &StreamConnection::left, this, [this, client] { removeClient(client); });
     client->send(m_greeting());
 }
 
-void StreamServer::removeClient(StreamClient *client)
+void StreamServer::removeClient(StreamConnection *client)
 {
     m_clients.removeOne(client);
     m_turnsAway = false;
@@ -100,7 +100,7 @@ void StreamServer::removeClient(StreamClient *client)
 
 void StreamServer::send(const QByteArray &record)
 {
-    const QList<StreamClient *> clients = m_clients; // one that has left is taken out meanwhile
-    for (StreamClient *client : clients)
+    const QList<StreamConnection *> clients = m_clients; // one that has left is taken out meanwhile
+    for (StreamConnection *client : clients)
         client->send(record);
 }

@@ -11,7 +11,7 @@
 #include <memory>
 #include <sys/types.h>
 
-class StreamClient;
+class StreamConnection;
 
 /// Hands the same records to every client that has joined, on a Unix socket or on a TCP port. Nothing here
 /// ever blocks, and no client costs another one anything.
@@ -36,14 +36,14 @@ public:
 
 private:
     void acceptClient();
-    void removeClient(StreamClient *client);
+    void removeClient(StreamConnection *client);
     void rememberFile(const QString &path);
 
     const std::function<QByteArray()> m_greeting;
     int m_listener = -1;
     std::unique_ptr<QSocketNotifier> m_notifier;
     QTimer m_pause; // in accepting, after it has failed
-    QList<StreamClient *> m_clients;
+    QList<StreamConnection *> m_clients;
     bool m_turnsAway = false; // which is logged once
     QByteArray m_path; // of the socket file; empty for TCP
     dev_t m_device = 0; // its identity

@@ -1,4 +1,4 @@
-#include "forwarders/StreamClient.h"
+#include "forwarders/StreamConnection.h"
 #include "forwarders/StreamDataForwarder.h"
 #include "forwarders/StreamSocket.h"
 #include "protocol/ActionCommands.h"

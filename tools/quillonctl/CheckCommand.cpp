@@ -8,6 +8,7 @@
 #include "tools/quillonctl/KnownKeys.h"
 #include "tools/quillonctl/Listing.h"
 #include "tools/quillonctl/ServiceUser.h"
+#include "tools/quillonctl/StreamTarget.h"
 
 #include <QFileInfo>
 #include <QTcpSocket>
@@ -50,6 +51,7 @@ private:
     void checkOutput(const QSqlRecord &output);
     void checkServer(const QString &subject, const QString &host, int port, const QString &remedy);
     void checkPubSub(const QString &subject, const QSqlRecord &output, const QString &id);
+    void checkStream(const QString &subject, const StreamTarget &target, const QString &id);
     void report(Severity severity, const QString &subject, const QString &problem, const QString &remedy);
 
     const ConfigFile &m_file;
@@ -204,6 +206,8 @@ void Check::checkOutput(const QSqlRecord &output)
                 Error, subject, problem, QStringLiteral("quillonctl forwarder set %1 --target PATH").arg(id));
     } else if (type == QLatin1String("GCP")) {
         checkPubSub(subject, output, id);
+    } else if (type == QLatin1String("STREAM")) {
+        checkStream(subject, StreamTarget::fromRow(output), id);
     } else if (type != QLatin1String("DUOS")) {
         report(Error, subject, QStringLiteral("the daemon knows no output of this kind and passes it over"),
             QStringLiteral("quillonctl forwarder remove %1").arg(id));
@@ -239,6 +243,16 @@ void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const 
             QStringLiteral(
                 "check the network and the firewall; quillonctl forwarder list shows the endpoint"));
     }
+}
+
+void Check::checkStream(const QString &subject, const StreamTarget &target, const QString &id)
+{
+    QString problem = target.problem();
+    if (problem.isEmpty() && !target.path.isEmpty())
+        problem = m_user.writeProblem(target.path);
+    if (!problem.isEmpty())
+        report(Error, subject, problem,
+            QStringLiteral("quillonctl forwarder set %1 --target PATH, or ADDRESS:PORT").arg(id));
 }
 
 void Check::checkServer(const QString &subject, const QString &host, int port, const QString &remedy)

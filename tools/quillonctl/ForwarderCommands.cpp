@@ -7,6 +7,7 @@
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
 #include "tools/quillonctl/ServiceUser.h"
+#include "tools/quillonctl/StreamTarget.h"
 
 #include <QDir>
 
@@ -27,6 +28,7 @@ struct OutputOptions
     std::optional<std::string> topic;
     std::optional<std::string> endpoint;
     std::optional<std::string> comment;
+    bool isPublic = false;
     bool disabled = false;
     bool json = false;
 };
@@ -37,6 +39,7 @@ enum Destination {
     LogFile,
     Nothing,
     PubSub,
+    Clients,
 };
 
 struct OutputKind
@@ -54,6 +57,7 @@ const OutputKind kinds[] = {
     {QStringLiteral("FILE"), "file", LogFile, "Write frames to a file, which is emptied at every start"},
     {QStringLiteral("DUOS"), "duos", Nothing, "Accept frames and send nothing"},
     {QStringLiteral("GCP"), "gcp", PubSub, "Publish frames to a topic of Google Cloud Pub/Sub"},
+    {QStringLiteral("STREAM"), "stream", Clients, "Let programs join and read JSON records, as watch does"},
 };
 
 void printRestartNote()
@@ -89,13 +93,28 @@ QString checkedEndpoint(const std::string &argument)
 /// Refuses options that mean nothing to this kind, rather than passing over them.
 void requireFitting(const OutputKind &kind, const OutputOptions &options)
 {
-    const bool takesTarget = kind.destination == TcpServer || kind.destination == LogFile;
+    const bool takesTarget = kind.destination != PubSub && kind.destination != Nothing;
     if (options.target && !takesTarget)
         throw CommandError(QStringLiteral("an output of the kind %1 has no --target").arg(kind.type));
     if ((options.credentials || options.topic || options.endpoint) && kind.destination != PubSub)
         throw CommandError(
             QStringLiteral("an output of the kind %1 has no --credentials, --topic or --endpoint")
                 .arg(kind.type));
+    if (options.isPublic && kind.destination != Clients)
+        throw CommandError(QStringLiteral("an output of the kind %1 has no --public").arg(kind.type));
+}
+
+StreamTarget checkedListeningPlace(const OutputOptions &options)
+{
+    const StreamTarget target = StreamTarget::fromArgument(*options.target);
+    const QString problem = target.problem();
+    if (!problem.isEmpty())
+        throw CommandError(problem);
+    if (target.isPublic() && !options.isPublic)
+        throw CommandError(QStringLiteral("everybody who can reach %1 could read what is heard and sent: add "
+                                          "--public if that is wanted")
+                               .arg(target.text()));
+    return target;
 }
 
 /// The columns that the options speak of, checked.
@@ -110,6 +129,8 @@ QVariantMap columnsOf(const OutputKind &kind, const OutputOptions &options)
     }
     if (options.target && kind.destination == LogFile)
         columns[targetColumn] = checkedLogFile(*options.target);
+    if (options.target && kind.destination == Clients)
+        columns = checkedListeningPlace(options).columns();
     if (options.credentials)
         columns[QStringLiteral("secret")] =
             CredentialFile::read(checkedText(*options.credentials, QStringLiteral("a path"), 4000)).secret();
@@ -190,6 +211,12 @@ void addKindCommand(CLI::App *add, CommandContext &context, const OutputKind &ki
         command->add_option("--topic", options->topic, "Topic id, without the project")->required();
         command->add_option("--endpoint", options->endpoint, "https://HOST[:PORT] instead of Google's");
     }
+    if (kind.destination == Clients) {
+        options->target = StreamTarget::defaultPath.toStdString();
+        command->add_option("TARGET", options->target, "Path of a Unix socket, or ADDRESS:PORT")
+            ->capture_default_str();
+        command->add_flag("--public", options->isPublic, "Let other machines read, too");
+    }
     command->add_option("--comment", options->comment, "Free text");
     command->add_flag("--disabled", options->disabled, "Add it switched off");
     command->callback([&context, &kind, options] { addOutput(context, kind, *options); });
@@ -200,7 +227,8 @@ void addSetCommand(CLI::App *forwarder, CommandContext &context)
     const auto options = std::make_shared<OutputOptions>();
     CLI::App *set = forwarder->add_subcommand("set", "Change the settings of an output");
     set->add_option("ID", options->id, "Its id in the list")->required();
-    set->add_option("--target", options->target, "HOST:PORT (raw, eraw) or PATH (file)");
+    set->add_option("--target", options->target, "HOST:PORT (raw, eraw), PATH (file) or either (stream)");
+    set->add_flag("--public", options->isPublic, "Let other machines read, too (stream)");
     set->add_option("--credentials", options->credentials, "Service-account document (gcp)");
     set->add_option("--topic", options->topic, "Topic id (gcp)");
     set->add_option("--endpoint", options->endpoint, "https://HOST[:PORT], or default for Google's (gcp)");

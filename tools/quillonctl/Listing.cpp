@@ -81,7 +81,8 @@ QString outputColour(const QJsonObject &row)
 
 QString targetText(const QString &kind, const QString &target, int port)
 {
-    if (kind == QLatin1String("RAW") || kind == QLatin1String("ERAW"))
+    const bool isTcpStream = kind == QLatin1String("STREAM") && !target.startsWith(QLatin1Char('/'));
+    if (kind == QLatin1String("RAW") || kind == QLatin1String("ERAW") || isTcpStream)
         return hostAndPort(target, port);
     if (kind == QLatin1String("GCP") && !namesEndpoint(target))
         return QStringLiteral("Google Cloud Pub/Sub");

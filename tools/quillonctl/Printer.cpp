@@ -33,11 +33,24 @@ void printCells(const QStringList &cells, const QVector<int> &widths, const QStr
 
 } // namespace
 
+bool isHarmless(QChar character)
+{
+    switch (character.category()) {
+    case QChar::Other_Control:
+    case QChar::Other_Format:
+    case QChar::Separator_Line:
+    case QChar::Separator_Paragraph:
+        return false;
+    default:
+        return true;
+    }
+}
+
 QString printable(const QString &text, int maximum)
 {
     QString result = text.size() > maximum ? text.left(maximum) + QStringLiteral("…") : text;
     for (QChar &character : result) {
-        if (character.category() == QChar::Other_Control || character.category() == QChar::Other_Format)
+        if (!isHarmless(character))
             character = QChar::ReplacementCharacter;
     }
     return result;

@@ -17,7 +17,9 @@ struct Column
     QString (*colour)(const QJsonObject &row) = nullptr;
 };
 
-/// Control characters replaced, and what is longer than `maximum` characters cut.
+/// Whether a terminal only draws it: no control character, nothing that changes the direction of writing.
+bool isHarmless(QChar character);
+/// What is not harmless replaced, and what is longer than `maximum` characters cut.
 QString printable(const QString &text, int maximum = 4096);
 
 void printLine(const QString &text);

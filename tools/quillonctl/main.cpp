@@ -59,6 +59,7 @@ void addCommands(CLI::App &app, CommandContext &context)
         ->check(CLI::Range(0, 600))
         ->capture_default_str();
     addStatusCommand(app, context);
+    addWatchCommand(app, context);
     addRadioCommands(app, context);
     addPortCommands(app, context);
     addForwarderCommands(app, context);

@@ -6,7 +6,7 @@
 
 /// One client of the stream: gets whole records in their order, and is told how many it was too slow for.
 /// What it sends is read and dropped; a client that closes its sending side has left.
-class StreamClient : public QObject
+class StreamConnection : public QObject
 {
     Q_OBJECT
 
@@ -15,8 +15,8 @@ public:
     static constexpr int longestQueue = 1024 * 1024;
 
     /// Takes a connected socket that does not block.
-    StreamClient(QObject *parent, int descriptor);
-    ~StreamClient() override;
+    StreamConnection(QObject *parent, int descriptor);
+    ~StreamConnection() override;
 
     /// Hands one record to the operating system as far as it takes it, and keeps the rest. May emit left().
     void send(const QByteArray &record);

@@ -1,4 +1,4 @@
-#include "forwarders/StreamClient.h"
+#include "forwarders/StreamConnection.h"
 
 #include "forwarders/StreamRecords.h"
 
@@ -9,7 +9,7 @@
 namespace {
 
 /// Records are taken again from here on, so that one gap is told once.
-constexpr int resumeBelow = StreamClient::longestQueue / 2;
+constexpr int resumeBelow = StreamConnection::longestQueue / 2;
 
 bool isTransient(int error)
 {
@@ -18,21 +18,21 @@ bool isTransient(int error)
 
 } // namespace
 
-StreamClient::StreamClient(QObject *parent, int descriptor)
+StreamConnection::StreamConnection(QObject *parent, int descriptor)
     : QObject(parent), m_descriptor(descriptor), m_readable(descriptor, QSocketNotifier::Read),
       m_writable(descriptor, QSocketNotifier::Write)
 {
     m_writable.setEnabled(false);
-    connect(&m_readable, &QSocketNotifier::activated, this, &StreamClient::readAndDrop);
-    connect(&m_writable, &QSocketNotifier::activated, this, &StreamClient::sendWaiting);
+    connect(&m_readable, &QSocketNotifier::activated, this, &StreamConnection::readAndDrop);
+    connect(&m_writable, &QSocketNotifier::activated, this, &StreamConnection::sendWaiting);
 }
 
-StreamClient::~StreamClient()
+StreamConnection::~StreamConnection()
 {
     ::close(m_descriptor);
 }
 
-void StreamClient::send(const QByteArray &record)
+void StreamConnection::send(const QByteArray &record)
 {
     if (m_hasLeft)
         return;
@@ -46,7 +46,7 @@ void StreamClient::send(const QByteArray &record)
         sendWaiting();
 }
 
-void StreamClient::sendWaiting()
+void StreamConnection::sendWaiting()
 {
     const ssize_t taken =
         ::send(m_descriptor, m_waiting.constData(), size_t(m_waiting.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -63,7 +63,7 @@ void StreamClient::sendWaiting()
     m_writable.setEnabled(!m_waiting.isEmpty());
 }
 
-void StreamClient::readAndDrop()
+void StreamConnection::readAndDrop()
 {
     char dropped[16 * 1024];
     const ssize_t size = ::recv(m_descriptor, dropped, sizeof dropped, MSG_DONTWAIT);
@@ -71,7 +71,7 @@ void StreamClient::readAndDrop()
         leave();
 }
 
-void StreamClient::leave()
+void StreamConnection::leave()
 {
     if (m_hasLeft)
         return;
