@@ -6,7 +6,6 @@ import base64
 import http.server
 import json
 import pathlib
-import re
 import signal
 import socket
 import subprocess
@@ -81,29 +80,18 @@ class Radio:
                            f"its port, and tells its ESN {self.esn}")
 
 
-class Listener:
-    """A TCP server for the extended raw output: "name|line", without anything between two messages."""
+class Watcher:
+    """quillonctl watch: shows its lines and counts the frames of each radio."""
 
-    def __init__(self):
+    def __init__(self, programs, control):
         self.frames = {name: 0 for name in RADIOS}
-        self.server = socket.create_server(("127.0.0.1", 0))
-        self.port = self.server.getsockname()[1]
-        threading.Thread(target=self.serve, daemon=True).start()
+        programs.start(control + ["watch"], self.tell)
 
-    def serve(self):
-        boundary = re.compile("(" + "|".join(RADIOS) + r")\|")
-        while True:
-            client = self.server.accept()[0]
-            while data := client.recv(65536):
-                for name, line in zip(*[iter(boundary.split(data.decode(errors="replace"))[1:])] * 2):
-                    self.tell(name, line)
-
-    def tell(self, name, line):
-        if line.startswith("*NTF"):
-            self.frames[name] += 1
-            say("listener", f"{name} heard    {line}")
-        else:
-            say("listener", f"{name} was sent {line}")
+    def tell(self, line):
+        say("watch", line)
+        columns = line.split()
+        if columns[2:3] == ["heard"] and columns[1] in self.frames:
+            self.frames[columns[1]] += 1
 
 
 class PubSub:
@@ -169,14 +157,14 @@ def emulator_jar():
     return next((line for line in files.splitlines() if line.endswith("-all.jar")), None)
 
 
-def make_database(database, control, tools, listener, log_file, pubsub):
+def make_database(database, control, tools, stream, log_file, pubsub):
     daemon = subprocess.Popen([tools / "quillon", "--configfile", database], stderr=subprocess.DEVNULL)
     while subprocess.run(control + ["pending", "list"], capture_output=True, check=False).returncode != 0:
         time.sleep(0.1)
     daemon.terminate()
     daemon.wait()
     commands = [["forwarder", "remove", "1"],  # the cloud output that every new database has
-                ["forwarder", "add", "eraw", f"127.0.0.1:{listener.port}"],
+                ["forwarder", "add", "stream", str(stream)],
                 ["forwarder", "add", "file", str(log_file)]]
     if pubsub:
         commands.append(["forwarder", "add", "gcp", str(pubsub.credential), "--topic", "demo", "--endpoint", pubsub.url])
@@ -205,15 +193,14 @@ def main():
 
 
 def run(seconds, folder, programs, tools):
-    database, log_file = folder / "quillon.sqlite", folder / "frames.log"
+    database, log_file, stream = folder / "quillon.sqlite", folder / "frames.log", folder / "stream"
     control = [str(tools / "quillonctl"), "--configfile", str(database)]
-    listener = Listener()
     jar = emulator_jar()
     pubsub = PubSub(jar, programs) if jar else None
     say("demo", f"everything is in {folder}")
-    say("demo", f"a TCP listener waits on 127.0.0.1:{listener.port}, frames also go to {log_file.name}"
+    say("demo", f"programs may join the stream {stream.name}, frames also go to {log_file.name}"
         + (", and to the Pub/Sub emulator" if pubsub else f" (no Pub/Sub: {EMULATOR_PACKAGE} is not installed)"))
-    make_database(database, control, tools, listener, log_file, pubsub)
+    make_database(database, control, tools, stream, log_file, pubsub)
 
     radios = [Radio(name, programs, tools) for name in RADIOS]
     while not all(radio.link.exists() for radio in radios):
@@ -223,6 +210,8 @@ def run(seconds, folder, programs, tools):
         subprocess.run(control + ["radio", "add", str(device), "--name", radio.name], check=True, capture_output=True)
         radio.scanned_at = time.monotonic() + FIRST_SCAN
         say("demo", f"{radio.name} is plugged in at {device}: {radio.baud} bit/s, which the daemon has to work out")
+    say("demo", "quillonctl watch")
+    watcher = Watcher(programs, control)
     programs.start([tools / "quillon", "--configfile", database])
     say("demo", f"the daemon starts; its first scan comes after {FIRST_SCAN:.0f} s")
 
@@ -233,15 +222,15 @@ def run(seconds, folder, programs, tools):
             said = True
             say("demo", "quillonctl say \"Hello all\"")
             subprocess.run(control + ["say", "Hello all"], check=True, capture_output=True)
-    return summary(radios, listener, log_file, pubsub, control)
+    return summary(radios, watcher, log_file, pubsub, control)
 
 
-def summary(radios, listener, log_file, pubsub, control):
+def summary(radios, watcher, log_file, pubsub, control):
     print("\n" + subprocess.run(control + ["status"], capture_output=True, text=True, check=False).stdout)
     lines = log_file.read_bytes().count(b"\n")
-    print(f"frames at the listener: {listener.frames}; lines in the file: {lines}"
+    print(f"frames that were watched: {watcher.frames}; lines in the file: {lines}"
           + (f"; messages pulled from Pub/Sub: {pubsub.pulled}" if pubsub else ""))
-    passed = all(listener.frames.values()) and all(radio.identified_after is not None for radio in radios)
+    passed = all(watcher.frames.values()) and all(radio.identified_after is not None for radio in radios)
     print("demo: frames arrived from both radios" if passed else "demo: not both radios were heard")
     return 0 if passed else 1
 

@@ -5,17 +5,19 @@ _quillonctl_words()
 {
     local everywhere="--configfile --wait --help"
     case "$1" in
-        "") echo "status radio port forwarder config say restart reboot pending init check --version $everywhere" ;;
+        "") echo "status watch radio port forwarder config say restart reboot pending init check --version $everywhere" ;;
         status) echo "--watch --json $everywhere" ;;
+        watch) echo "--json --radio --kind --count --socket $everywhere" ;;
         radio) echo "list add set enable disable remove $everywhere" ;;
         "radio add") echo "--name --baud --listen-only --disabled $everywhere" ;;
         "radio set") echo "--name --baud --autobaud --listen-only --transmit $everywhere" ;;
         port) echo "list block unblock $everywhere" ;;
         forwarder) echo "list add set enable disable remove $everywhere" ;;
-        "forwarder add") echo "raw eraw file duos gcp $everywhere" ;;
+        "forwarder add") echo "raw eraw file duos gcp stream $everywhere" ;;
         "forwarder add gcp") echo "--topic --endpoint --comment --disabled $everywhere" ;;
+        "forwarder add stream") echo "--public --comment --disabled $everywhere" ;;
         "forwarder add "*) echo "--comment --disabled $everywhere" ;;
-        "forwarder set") echo "--target --credentials --topic --endpoint --comment $everywhere" ;;
+        "forwarder set") echo "--target --public --credentials --topic --endpoint --comment $everywhere" ;;
         config) echo "list get set $everywhere" ;;
         "config list") echo "--show-secrets --json $everywhere" ;;
         "config get") echo "$(_quillonctl_keys) bdd_release --show-secrets --json $everywhere" ;;
@@ -31,6 +33,12 @@ _quillonctl_words()
 _quillonctl_keys()
 {
     echo "autokill_enabled autokill_user autokill_pwd autokill_url owner_email owner_dept forward_invalid_data"
+}
+
+_quillonctl_kinds()
+{
+    echo "esn comment dspFirmware firmware frontFirmware dpmrCall analogCall dpmrStatus gps battery txPower" \
+        "unsolicited query display kill"
 }
 
 # The names of serial devices, as the command takes them.
@@ -66,7 +74,7 @@ _quillonctl()
     done
 
     case "$previous" in
-        -c | --configfile | --credentials | --target)
+        -c | --configfile | --credentials | --target | --socket)
             mapfile -t COMPREPLY < <(compgen -f -- "$current")
             compopt -o filenames 2>/dev/null
             return
@@ -75,11 +83,15 @@ _quillonctl()
             mapfile -t COMPREPLY < <(compgen -W "1200 2400 4800 9600 19200 38400" -- "$current")
             return
             ;;
+        --kind)
+            mapfile -t COMPREPLY < <(compgen -W "$(_quillonctl_kinds)" -- "$current")
+            return
+            ;;
         --user)
             mapfile -t COMPREPLY < <(compgen -u -- "$current")
             return
             ;;
-        --wait | --name | --topic | --endpoint | --comment) return ;;
+        --wait | --name | --topic | --endpoint | --comment | --radio | --count) return ;;
         autokill_enabled | forward_invalid_data)
             [ "$path" = "config set" ] && mapfile -t COMPREPLY < <(compgen -W "true false" -- "$current")
             return
@@ -91,7 +103,7 @@ _quillonctl()
         "radio add" | "port block" | "port unblock")
             mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$(_quillonctl_ports)" -- "$current")
             ;;
-        "forwarder add file" | "forwarder add gcp")
+        "forwarder add file" | "forwarder add gcp" | "forwarder add stream")
             mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
             compopt -o filenames 2>/dev/null
             ;;
