@@ -195,7 +195,8 @@ QByteArray StreamRecords::frame(const RadioAdapterConfig &radio, const IcomComma
 
 QByteArray StreamRecords::command(const RadioAdapterConfig &radio, IcomCommand &command)
 {
-    return line(aboutTraffic("command", radio, command.timestamp(), kindOf(command), command.announcedText()));
+    return line(
+        aboutTraffic("command", radio, command.timestamp(), kindOf(command), command.announcedText()));
 }
 
 QByteArray StreamRecords::lost(qint64 count)

@@ -66,7 +66,7 @@ const Cases refusals{
     {"is a folder", "forwarder add file ."},
     {"--public", "forwarder add stream 10.0.0.1:70 | forwarder add raw h:1 --public"},
     {"nor an IP address", "forwarder add stream localhost:70"},
-    {"is no socket", "forwarder add stream pipe | forwarder add stream /etc/passwd"},
+    {"is no socket", "forwarder add stream quillon.sqlite | forwarder add stream /etc/passwd"},
     {"too long for a socket", "forwarder add stream /$(printf %0108d 0)"},
     {"a kind is one of", "watch --kind gps,nothing"},
     {"kind STREAM is configured", "watch"},
@@ -323,7 +323,11 @@ void TestQuillonctl::initMakesTheFileOnce()
     const QString path = m_file->file("new.sqlite"_s);
     QCOMPARE(run("init"_s, {}, path), 0);
     QVERIFY2(m_out.contains("was made") && m_out.contains("Output 1 (GCP) has no credential"), m_out);
-    QCOMPARE(run("check"_s, {}, path), 0); // so it is switched off
+    QVERIFY(m_out.contains("/run/quillon/stream"));
+    run("check"_s, {}, path);
+    QVERIFY2(!m_out.contains("GCP"), m_out); // so it is switched off
+    QCOMPARE(run("forwarder list"_s, {}, path), 0);
+    QVERIFY2(m_out.contains("STREAM") && m_out.contains("not running"), m_out);
     QCOMPARE(run("init"_s), 0); // a file in use keeps its states
     QVERIFY(m_out.contains("nothing was changed") && fileBytes() == m_filledFile);
     QCOMPARE(run("init"_s, {}, m_file->file("none/new"_s)), 2);

@@ -4,13 +4,14 @@
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/Printer.h"
+#include "tools/quillonctl/StreamTarget.h"
 
 #include <QSqlError>
 #include <QSqlQuery>
 
 namespace {
 
-/// The file of a new installation: the daemon's default rows, less what nobody has set up yet.
+/// The file of a new installation: the daemon's default rows, less what nobody has set up yet, and a stream.
 class InitialFile : public ConfigDatabase
 {
 public:
@@ -34,7 +35,7 @@ protected:
     bool completeNewFile(QSqlQuery &query) override
     {
         m_isNew = true;
-        return disableUnusableOutputs(query);
+        return disableUnusableOutputs(query) && addStream(query);
     }
 
 private:
@@ -57,6 +58,19 @@ private:
                                  .arg(id));
         }
         return succeeded;
+    }
+
+    /// So that the box itself can show what it hears.
+    bool addStream(QSqlQuery &query)
+    {
+        query.prepare(
+            QStringLiteral("INSERT INTO data_forwarder (type, secret, context, comment, target, port, "
+                           "enabled, status) VALUES ('STREAM', '', '', '', ?, '', 1, 0)"));
+        query.addBindValue(StreamTarget::defaultPath);
+        m_changes.append(
+            QStringLiteral("Members of the daemon's group may join the stream %1: quillonctl watch")
+                .arg(StreamTarget::defaultPath));
+        return query.exec();
     }
 
     bool m_isNew = false;
