@@ -198,7 +198,7 @@ def run(seconds, folder, programs, tools):
     jar = emulator_jar()
     pubsub = PubSub(jar, programs) if jar else None
     say("demo", f"everything is in {folder}")
-    say("demo", f"programs may join the stream {stream.name}, frames also go to {log_file.name}"
+    say("demo", f"programs may join a stream, frames also go to {log_file.name}"
         + (", and to the Pub/Sub emulator" if pubsub else f" (no Pub/Sub: {EMULATOR_PACKAGE} is not installed)"))
     make_database(database, control, tools, stream, log_file, pubsub)
 
