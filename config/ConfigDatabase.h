@@ -30,6 +30,8 @@ public:
 
     // Connection and schema
 
+    /// The path of the file.
+    QString path() const { return m_path; }
     /// Opens the file, made anew when it is missing or holds no table; the first call that can also migrates
     /// an older schema. A file that cannot be opened is logged, and the event loop is told to end with code
     /// -1.

@@ -14,6 +14,8 @@ inline const QString OWNER_DEPT_KEY = QStringLiteral("owner_dept");
 inline const QString OWNER_EMAIL_KEY = QStringLiteral("owner_email");
 inline const QString BDD_RELEASE_KEY = QStringLiteral("bdd_release");
 inline const QString FORWARD_INVALID_DATA_KEY = QStringLiteral("forward_invalid_data");
+/// Optional, not in a new file: how much an outbox may hold on the disk, in MiB.
+inline const QString OUTBOX_LIMIT_KEY = QStringLiteral("outbox_limit");
 
 /// The schema release that this version of the daemon writes and expects.
 inline const QString BDD_RELEASE_VALUE = QStringLiteral("1.1");
