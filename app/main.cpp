@@ -6,6 +6,7 @@
 #include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
 #include "config/ConfigKeys.h"
+#include "forwarders/OutboxFiles.h"
 #include "serial/SerialDiscoverer.h"
 
 #include <QCommandLineParser>
@@ -74,6 +75,7 @@ int main(int argc, char *argv[])
 
     const auto discoverer = QSharedPointer<SerialDiscoverer>::create();
     discoverer->initForwarders();
+    logStrayOutboxes();
     const SupervisionManager supervisionManager(nullptr, discoverer); // goes first, the discoverer after it
     const SystemdNotifier systemdNotifier;
 

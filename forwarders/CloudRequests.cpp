@@ -101,6 +101,11 @@ void limitAnswer(QNetworkReply *reply)
     });
 }
 
+QByteArray answerOf(QNetworkReply *reply)
+{
+    return reply->isOpen() ? reply->readAll() : QByteArray();
+}
+
 std::optional<QByteArray> accessToken(const QByteArray &answer)
 {
     const QJsonObject document = QJsonDocument::fromJson(answer).object();

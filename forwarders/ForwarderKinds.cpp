@@ -4,6 +4,7 @@
 #include "forwarders/ExtendedRawDataForwarder.h"
 #include "forwarders/FileDataForwarder.h"
 #include "forwarders/GcpDataForwarder.h"
+#include "forwarders/PubSubDataForwarder.h"
 #include "forwarders/RawDataForwarder.h"
 #include "forwarders/StreamDataForwarder.h"
 
@@ -28,6 +29,7 @@ const ForwarderKind kinds[] = {
     {QLatin1String("ERAW"), newForwarder<ExtendedRawDataForwarder>},
     {QLatin1String("GCP"), newForwarder<GcpDataForwarder>},
     {QLatin1String("STREAM"), newForwarder<StreamDataForwarder>},
+    {QLatin1String("PUBSUB"), newForwarder<PubSubDataForwarder>},
 };
 
 } // namespace

@@ -2,6 +2,8 @@
 
 #include "support/OpenSsl.h"
 
+#include <functional>
+
 /// An HTTP/1.1 server on 127.0.0.1 that records requests and answers as it is told; with certificates it
 /// speaks TLS. One request a connection.
 class HttpServer : public QTcpServer
@@ -17,10 +19,11 @@ public:
     struct Answer
     {
         int code = 200; ///< 0: the connection is closed without an answer; -1: it stays open without one
-        QByteArray body;
+        QByteArray body = {};
         QByteArray reason = "OK";
         int missing = 0; ///< bytes that the body lacks; the connection stays open as if they came
         int delay = 0; ///< in ms, before the header and again before the body
+        QByteArray headers = {}; ///< further ones, each with its line end
     };
 
     explicit HttpServer(const TestCertificates *certificates = nullptr) : m_certificates(certificates)
@@ -42,6 +45,7 @@ public:
     }
 
     QSsl::SslProtocol protocol = QSsl::TlsV1_3OrLater;
+    std::function<Answer(const Request &)> respond; ///< in place of what follows, where there is one
     QMap<QByteArray, Answer> answers; ///< by path
     Answer otherAnswer; ///< for every other path
     QList<Request> requests;
@@ -75,7 +79,7 @@ private:
         if (request.body.size() < request.headers.value("content-length").toInt())
             return;
         requests.append(request);
-        write(socket, answers.value(request.path, otherAnswer));
+        write(socket, respond ? respond(request) : answers.value(request.path, otherAnswer));
     }
 
     static void write(QTcpSocket *socket, const Answer &answer)
@@ -84,8 +88,8 @@ private:
             return;
         if (answer.code != 0) {
             const QByteArray header = "HTTP/1.1 " + QByteArray::number(answer.code) + ' ' + answer.reason
-                + "\r\nConnection: close\r\nContent-Length: "
-                + QByteArray::number(answer.body.size() + answer.missing) + "\r\n\r\n";
+                + "\r\nConnection: close\r\n" + answer.headers
+                + "Content-Length: " + QByteArray::number(answer.body.size() + answer.missing) + "\r\n\r\n";
             QTimer::singleShot(answer.delay, socket, [socket, header] { socket->write(header); });
         }
         QTimer::singleShot(2 * answer.delay, socket, [socket, answer] {

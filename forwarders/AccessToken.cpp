@@ -1,0 +1,106 @@
+#include "forwarders/AccessToken.h"
+
+#include "forwarders/CloudRequests.h"
+#include "forwarders/PublishRequest.h"
+#include "forwarders/ServiceAccount.h"
+
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+
+namespace {
+
+constexpr int assertionLifetime = 1800; // s
+constexpr qint64 usualLifetime = 1800; // s, of a token whose server does not tell
+constexpr qint64 longestLifetime = 24 * 3600; // s
+
+/// What keeps an output from working as its row stands; empty when nothing does.
+QString problemOf(const DataForwarderConfig &row, const QString &tokenUri, const QByteArray &assertion)
+{
+    if (assertion.isEmpty())
+        return QStringLiteral("the secret holds no credential with an RSA key");
+    if (!isTopicId(row.context))
+        return QStringLiteral("there can be no topic of the name \"%1\"").arg(row.context);
+    const QString problem = endpointProblem(row.target);
+    return problem.isEmpty() ? tokenUriProblem(tokenUri) : problem;
+}
+
+} // namespace
+
+AccessToken::AccessToken(QNetworkAccessManager *network, ServerClock *clock, Row row, int timeout)
+    : m_network(network), m_clock(clock), m_row(std::move(row)), m_timeout(timeout)
+{
+    m_renewal.setSingleShot(true);
+    connect(&m_renewal, &QTimer::timeout, this, &AccessToken::request);
+}
+
+QByteArray AccessToken::value() const
+{
+    return m_value.isEmpty() || m_age.hasExpired(m_lifetime) ? QByteArray() : m_value;
+}
+
+void AccessToken::request()
+{
+    if (m_requesting)
+        return;
+    const DataForwarderConfig row = m_row();
+    const ServiceAccount account(row.secret);
+    m_projectId = account.projectId();
+    m_topic = row.context;
+    m_endpoint = pubSubEndpoint(row.target);
+    m_signedAt = m_clock->secondsSinceEpoch();
+    const QByteArray assertion = account.signedAssertion(m_signedAt, assertionLifetime);
+    const QString problem = problemOf(row, account.tokenUri(), assertion);
+    if (problem.isEmpty())
+        post(account.tokenUri(), assertion);
+    else
+        emit failed(problem, 0);
+}
+
+void AccessToken::post(const QString &tokenUri, const QByteArray &assertion)
+{
+    m_requesting = true;
+    QNetworkReply *reply = m_network->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
+    limitAnswer(reply);
+    QTimer::singleShot(m_timeout, reply, &QNetworkReply::abort);
+    connect(reply, &QNetworkReply::finished, this, [this, reply] { finish(reply); });
+}
+
+void AccessToken::finish(QNetworkReply *reply)
+{
+    reply->deleteLater();
+    m_requesting = false;
+    m_clock->note(reply->rawHeader("Date"));
+    const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    const QByteArray answer = answerOf(reply);
+    if (code == 200 && take(answer)) {
+        m_signedAgain = false;
+        emit obtained();
+        return;
+    }
+    m_signedAgain = !m_signedAgain && code != 0 && m_clock->isFarOff(m_signedAt);
+    if (m_signedAgain) {
+        request(); // signed with the server's time it may be taken
+        return;
+    }
+    QString reason = errorText(answer);
+    if (reason.isEmpty())
+        reason = code == 200 ? QStringLiteral("the answer holds no access token") : reply->errorString();
+    emit failed(QStringLiteral("no access token: %1").arg(reason),
+        m_clock->retryAfter(reply->rawHeader("Retry-After")));
+}
+
+bool AccessToken::take(const QByteArray &answer)
+{
+    const auto token = accessToken(answer);
+    if (!token || token->isEmpty())
+        return false;
+    const QJsonValue expiry = QJsonDocument::fromJson(answer).object().value(QLatin1String("expires_in"));
+    const qint64 seconds = expiry.toVariant().toLongLong(); // a number, or one in quotes
+    m_lifetime = qBound<qint64>(1, seconds > 0 ? seconds : usualLifetime, longestLifetime) * 1000;
+    m_value = *token;
+    m_age.start();
+    m_renewal.start(int(m_lifetime / 10 * 9));
+    return true;
+}

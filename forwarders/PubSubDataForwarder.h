@@ -1,0 +1,33 @@
+#pragma once
+
+#include "forwarders/CloudMessage.h"
+#include "forwarders/DataForwarder.h"
+#include "forwarders/PubSubPublisher.h"
+
+/// The "PUBSUB" output: every frame and command as one message of a Google Cloud Pub/Sub topic, with the same
+/// JSON object as the GCP output, and kept until the server has accepted it: what is not accepted within half
+/// a second waits on the disk, through failures of the network and of the power.
+class PubSubDataForwarder : public DataForwarder
+{
+    Q_OBJECT
+
+public:
+    PubSubDataForwarder(QObject *parent, int id, const PublisherTimes &times = PublisherTimes());
+
+public slots:
+    void forward(QSharedPointer<IcomCommandResponse> resp) override;
+    void forwardSent(QSharedPointer<IcomCommand> command) override;
+
+private:
+    void add(const CloudMessage &message);
+    void readLimit();
+    void write();
+    void scheduleWrite();
+    void showStatus(DataForwarderConfig::ForwarderStatus status);
+
+    PubSubQueue m_queue;
+    PubSubPublisher m_publisher;
+    QTimer m_writeTimer;
+    bool m_accepted = false; // the last request
+    DataForwarderConfig::ForwarderStatus m_status = DataForwarderConfig::Idle;
+};

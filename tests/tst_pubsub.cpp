@@ -1,0 +1,527 @@
+#include "config/ConfigKeys.h"
+#include "forwarders/OutboxFiles.h"
+#include "forwarders/PubSubDataForwarder.h"
+#include "protocol/Notifications.h"
+#include "support/HttpServer.h"
+#include "support/LogCapture.h"
+#include "support/RecordingLink.h"
+#include "support/TestDatabase.h"
+
+#include <memory>
+
+Q_DECLARE_METATYPE(HttpServer::Answer)
+
+namespace {
+
+using Answer = HttpServer::Answer;
+
+constexpr char publishPath[] = "/v1/projects/proj/topics/topic:publish";
+
+QJsonArray messagesOf(const HttpServer::Request &request)
+{
+    return QJsonDocument::fromJson(request.body).object().value("messages"_s).toArray();
+}
+
+QJsonObject jsonOf(const QJsonValue &message)
+{
+    const QByteArray data = message["data"_s].toString().toLatin1();
+    return QJsonDocument::fromJson(QByteArray::fromBase64(data)).object();
+}
+
+QString textOf(const QJsonValue &message)
+{
+    return jsonOf(message).value("rawData"_s).toString();
+}
+
+/// What a Pub/Sub server answers to a request that it takes.
+Answer accepted(const HttpServer::Request &request)
+{
+    QJsonArray ids;
+    for (int i = 0; i < messagesOf(request).size(); ++i)
+        ids.append(QString::number(i));
+    return {200, QJsonDocument(QJsonObject{{"messageIds"_s, ids}}).toJson()};
+}
+
+Answer refusal(int code, const QByteArray &message = "no")
+{
+    return {code, R"({"error":{"code":)" + QByteArray::number(code) + R"(,"message":")" + message + "\"}}"};
+}
+
+const PublisherTimes shortTimes{20, 300, 400};
+
+/// An output with a token and publish server of its own, and a radio that speaks to it.
+struct Output
+{
+    Output(const TestDatabase &database, const TestCertificates &certificates, const TestCredential &key)
+        : file(database), server(&certificates)
+    {
+        server.respond = [this](const HttpServer::Request &request) { return answer(request); };
+        id = file.addForwarder("PUBSUB"_s, server.url(), 0, key.secret(server.url("/token"_s)), "topic"_s);
+        radio.config()->esn = "28940001"_s;
+    }
+    ~Output()
+    {
+        forwarder.reset();
+        const QString name = QFileInfo(path()).fileName();
+        for (const QString &each : {name, name + "-wal"_s, name + "-shm"_s})
+            QFile::remove(file.file(each));
+    }
+
+    QString path() const { return outboxPath(file.path(), id); }
+    void start()
+    {
+        forwarder = std::make_unique<PubSubDataForwarder>(nullptr, id, shortTimes);
+        QObject::connect(&radio, &RecordingLink::dataReceived, forwarder.get(), &DataForwarder::forward);
+    }
+    bool startWithToken()
+    {
+        start();
+        const bool asked = QTest::qWaitFor([&] { return tokenRequests() > 0; });
+        QTest::qWait(100); // the answer is on its way
+        return asked;
+    }
+    void say(const QByteArray &frame)
+    {
+        const auto response = QSharedPointer<UnsollicitedCommandResponse>::create(nullptr, frame);
+        response->stampNow();
+        emit radio.dataReceived(response);
+    }
+    void say(int from, int to)
+    {
+        for (int i = from; i <= to; ++i)
+            say(QByteArray::number(i));
+    }
+
+    Answer answer(const HttpServer::Request &request)
+    {
+        if (request.path == "/token")
+            return token;
+        Answer given = nextAnswers.isEmpty() ? accepted(request) : nextAnswers.takeFirst();
+        if (given.code == 200 && given.body.contains("messageIds")) {
+            for (const QJsonValue message : messagesOf(request)) {
+                const QJsonValue attributes = message["attributes"_s];
+                m_texts.insert(attributes["sequence"_s].toString().toLongLong(), textOf(message));
+                uuids.insert(attributes["outbox"_s].toString());
+                ++copies;
+            }
+        }
+        given.delay = delay / 2; // it counts twice
+        return given;
+    }
+    /// Of the messages that were accepted, by their sequence; requests side by side arrive in any order.
+    QStringList texts() const { return m_texts.values(); }
+    int tokenRequests() const { return server.requestsTo("/token").size(); }
+    QList<HttpServer::Request> publishes() const { return server.requestsTo(publishPath); }
+    int status() const { return file.forwarderStatus(id); }
+    /// What a statement yields in the outbox; "-" while there is no such table.
+    QString stored(const QString &statement) const
+    {
+        try {
+            SqliteConnection connection(path(), SQLITE_OPEN_READONLY, 1000);
+            SqliteStatement query(connection, statement.toUtf8().constData());
+            QStringList rows;
+            while (query.next())
+                rows.append(QString::fromUtf8(query.bytes(0)));
+            return rows.join(u' ');
+        } catch (const SqliteError &) {
+            return "-"_s;
+        }
+    }
+    QString waiting() const { return stored("SELECT waiting FROM state"_s); }
+
+    const TestDatabase &file;
+    HttpServer server;
+    Answer token{200, R"({"access_token":"t0k","expires_in":3599})"};
+    QList<Answer> nextAnswers; ///< to publish requests; then they are accepted
+    int delay = 0; ///< of answers to publish requests, in ms
+    int copies = 0; ///< how many messages were accepted
+    QSet<QString> uuids; ///< of the outboxes that they came from
+    int id = -1;
+    RecordingLink radio{"Équipe"_s, "ttyUSB0"_s};
+    std::unique_ptr<PubSubDataForwarder> forwarder;
+
+private:
+    QMap<qint64, QString> m_texts;
+};
+
+QStringList numbers(int from, int to)
+{
+    QStringList result;
+    for (int i = from; i <= to; ++i)
+        result.append(QString::number(i));
+    return result;
+}
+
+} // namespace
+
+class TestPubSub : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanup();
+    void publishesAtOnceAndTouchesNoDisk();
+    void keepsWhatFails_data();
+    void keepsWhatFails();
+    void refusedTokenIsRenewedOnce();
+    void mendedRowIsReadAgain();
+    void refusedMessageStandsAlone();
+    void sendsBatchesSideBySide();
+    void renewsTheTokenBeforeItEnds();
+    void signsWithTheServersTime();
+    void lateMessagesComeToTheDisk();
+    void stopKeepsEverything();
+    void numbersAreNeverUsedTwice();
+    void limitDropsTheOldest();
+    void damagedOutboxIsMovedAside_data();
+    void damagedOutboxIsMovedAside();
+    void diskThatFailsKeepsTheYoungest();
+    void tellsOfStrayOutboxes();
+
+private:
+    TestDatabase m_file;
+    TestCertificates m_certificates;
+    TestCredential m_key;
+};
+
+void TestPubSub::initTestCase()
+{
+    ConfigDatabase::getInstance(m_file.path());
+}
+
+void TestPubSub::cleanup()
+{
+    m_file.run("DELETE FROM system_configuration WHERE name = ?"_s, {OUTBOX_LIMIT_KEY});
+}
+
+void TestPubSub::publishesAtOnceAndTouchesNoDisk()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.say(QByteArray("\0\xff\"é", 5));
+    QTRY_COMPARE(output.texts().size(), 1);
+    const HttpServer::Request request = output.publishes().first();
+    QCOMPARE(request.headers.value("content-type"), QByteArray("application/json"));
+    QCOMPARE(request.headers.value("authorization"), QByteArray("Bearer t0k"));
+    const QJsonObject message = messagesOf(request).first().toObject();
+    const QByteArray data = message.value("data"_s).toString().toLatin1();
+    QCOMPARE(QByteArray::fromBase64(data).toBase64(), data); // with its padding
+    const QJsonObject json = jsonOf(message);
+    QCOMPARE(json.size(), 10);
+    QCOMPARE(json.value("rawData"_s).toString(), QString::fromUtf8("\0\xff\"é", 5));
+    QCOMPARE(json.value("radioModel"_s).toString(), "ICF-4162"_s);
+    const QString uuid = output.stored("SELECT uuid FROM state"_s);
+    QVERIFY(!QUuid(uuid).isNull());
+    const QJsonObject expected{{"outbox"_s, uuid}, {"sequence"_s, "1"_s},
+        {"gateway"_s, QHostInfo::localHostName()}, {"port"_s, "ttyUSB0"_s}, {"trx"_s, "RX"_s}};
+    QCOMPARE(message.value("attributes"_s).toObject(), expected);
+    QTRY_COMPARE(output.status(), 3);
+
+    const QByteArray before = m_file.readFile(QFileInfo(output.path()).fileName() + "-wal"_s);
+    output.say(2, 9);
+    QTRY_COMPARE(output.texts().mid(1), numbers(2, 9));
+    QTest::qWait(600);
+    QCOMPARE(m_file.readFile(QFileInfo(output.path()).fileName() + "-wal"_s), before);
+    QCOMPARE(output.waiting(), "0"_s);
+}
+
+void TestPubSub::keepsWhatFails_data()
+{
+    QTest::addColumn<Answer>("answer");
+    QTest::addColumn<QString>("reason");
+    QTest::addColumn<int>("rest");
+
+    const QString foreign = "the answer is no publish answer"_s;
+    QTest::newRow("no answer") << Answer{0} << "Connection closed"_s << 0;
+    QTest::newRow("silence") << Answer{-1} << "Operation canceled"_s << 390;
+    QTest::newRow("408") << refusal(408) << "408 no"_s << 0;
+    QTest::newRow("429") << Answer{429, {}, "Too many", 0, 0, "Retry-After: 1\r\n"} << "429 Too many"_s
+                         << 990;
+    QTest::newRow("500") << Answer{500, "<html>", "Broken"} << "500 Broken"_s << 0;
+    QTest::newRow("503") << refusal(503, "a\\nb") << "503 a b"_s << 0;
+    QTest::newRow("a page") << Answer{200, "<html>"} << foreign << 0;
+    QTest::newRow("too few") << Answer{200, R"({"messageIds":[]})"} << foreign << 0;
+    QTest::newRow("endless") << Answer{200, QByteArray(3000000, ' ')} << "Operation canceled"_s << 0;
+    QTest::newRow("a 400 of another") << Answer{400, "<html>", "Bad"} << "400 Bad"_s << 0;
+    QTest::newRow("403") << refusal(403) << "project \"proj\", topic \"topic\" : 403 no"_s << 290;
+    QTest::newRow("404") << refusal(404) << "project \"proj\", topic \"topic\" : 404 no"_s << 290;
+}
+
+void TestPubSub::keepsWhatFails()
+{
+    QFETCH(Answer, answer);
+    QFETCH(QString, reason);
+    QFETCH(int, rest);
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.nextAnswers = {answer, answer};
+    LogCapture log;
+    QElapsedTimer clock;
+    clock.start();
+    output.say("kept");
+    QTRY_COMPARE(output.status(), 4);
+    QTRY_COMPARE_WITH_TIMEOUT(output.texts(), QStringList("kept"_s), 8000);
+    QVERIFY2(clock.elapsed() >= 2 * rest, qPrintable(QString::number(clock.elapsed())));
+    QTRY_COMPARE(output.status(), 3);
+    const QString line = log.text().remove(u'\\');
+    QCOMPARE(line.count("nothing is accepted : \""_s + reason), 1);
+    QTRY_COMPARE(output.waiting(), "0"_s);
+}
+
+void TestPubSub::refusedTokenIsRenewedOnce()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.nextAnswers = {refusal(401), refusal(401)};
+    output.token.body.replace("t0k", "second");
+    LogCapture log;
+    output.say("one");
+    QTRY_COMPARE(output.texts(), QStringList("one"_s));
+    QCOMPARE(output.tokenRequests(), 3); // the first 401 is no trouble, the second one is
+    QCOMPARE(log.count("nothing is accepted"_s), 1);
+    QCOMPARE(output.publishes().last().headers.value("authorization"), QByteArray("Bearer second"));
+}
+
+void TestPubSub::mendedRowIsReadAgain()
+{
+    Output output(m_file, m_certificates, m_key);
+    m_file.run("UPDATE data_forwarder SET secret = '', context = 'no topic' WHERE ids = ?"_s, {output.id});
+    LogCapture log;
+    output.start();
+    output.say("one");
+    QTRY_COMPARE(log.count("the secret holds no credential with an RSA key"_s), 1);
+    QTRY_COMPARE(output.status(), 4);
+    m_file.run("UPDATE data_forwarder SET secret = ? WHERE ids = ?"_s,
+        {m_key.secret(output.server.url("/token"_s)), output.id});
+    QTRY_COMPARE(log.count("there can be no topic of the name"_s), 1);
+    m_file.run("UPDATE data_forwarder SET context = 'topic', target = 'http://192.0.2.1' WHERE ids = ?"_s,
+        {output.id});
+    QTRY_COMPARE(log.count("an endpoint on another machine begins with https://"_s), 1);
+    output.token = {400, R"({"error":"invalid_grant","error_description":"bad\nkey"})"};
+    m_file.run("UPDATE data_forwarder SET target = ? WHERE ids = ?"_s, {output.server.url(), output.id});
+    QTRY_COMPARE(log.count("no access token: invalid_grant: bad key"_s), 1);
+    output.token = {200, R"({"access_token":"t0k"})"};
+    QTRY_COMPARE(output.texts(), QStringList("one"_s));
+}
+
+void TestPubSub::refusedMessageStandsAlone()
+{
+    Output output(m_file, m_certificates, m_key);
+    output.token.code = 503;
+    output.start();
+    output.say(1, 9);
+    QTRY_COMPARE(output.waiting(), "9"_s);
+    output.server.respond = [&](const HttpServer::Request &request) {
+        for (const QJsonValue message : messagesOf(request)) {
+            if (textOf(message) == "5"_s)
+                return refusal(400, "not this");
+        }
+        return output.answer(request);
+    };
+    output.token.code = 200;
+    QTRY_COMPARE(output.texts().size(), 8);
+    QCOMPARE(output.texts(), numbers(1, 4) + numbers(6, 9));
+    QTRY_COMPARE(output.waiting(), "0"_s);
+    QCOMPARE(output.stored("SELECT sequence || ':' || reason FROM refused"_s), "5:400 not this"_s);
+    QCOMPARE(output.stored("SELECT refused FROM state"_s), "1"_s);
+}
+
+void TestPubSub::sendsBatchesSideBySide()
+{
+    Output output(m_file, m_certificates, m_key);
+    output.token.code = 503;
+    output.start();
+    output.say(1, 1900);
+    QTRY_COMPARE(output.waiting(), "1900"_s);
+    output.delay = 300;
+    output.token.code = 200;
+    QTRY_COMPARE(output.publishes().size(), 1); // finds out whether the server works
+    QTRY_COMPARE_WITH_TIMEOUT(output.texts(), numbers(1, 1900), 5000);
+    QList<int> sizes;
+    for (const HttpServer::Request &request : output.publishes()) {
+        sizes.append(messagesOf(request).size());
+        QVERIFY(request.body.size() <= 1000000);
+    }
+    std::sort(sizes.begin(), sizes.end());
+    QCOMPARE(sizes, (QList<int>{400, 500, 500, 500}));
+    output.delay = 0;
+    output.say(QByteArray(900000, 'x')); // goes alone
+    output.say(1901, 1901);
+    QTRY_COMPARE(output.texts().size(), 1902);
+    QCOMPARE(messagesOf(output.publishes().at(4)).size(), 1);
+}
+
+void TestPubSub::renewsTheTokenBeforeItEnds()
+{
+    Output output(m_file, m_certificates, m_key);
+    output.token.body = R"({"access_token":"t0k","expires_in":2})";
+    QVERIFY(output.startWithToken());
+    QElapsedTimer clock;
+    clock.start();
+    output.token = {503};
+    QTRY_COMPARE(output.tokenRequests(), 2);
+    QVERIFY2(clock.elapsed() >= 1600 && clock.elapsed() < 1990, qPrintable(QString::number(clock.elapsed())));
+    output.say("the old one serves");
+    QTRY_COMPARE(output.texts().size(), 1);
+}
+
+void TestPubSub::signsWithTheServersTime()
+{
+    Output output(m_file, m_certificates, m_key);
+    const QDateTime future = QDateTime::currentDateTimeUtc().addDays(100);
+    const QByteArray date =
+        QLocale::c().toString(future, "'Date: 'ddd, dd MMM yyyy hh:mm:ss 'GMT'"_s).toLatin1() + "\r\n";
+    output.token = {400, R"({"error":"invalid_grant"})", "Bad", 0, 0, date};
+    LogCapture log;
+    output.start();
+    QTRY_COMPARE(output.tokenRequests(), 2);
+    const QByteArray assertion = output.server.requestsTo("/token").last().body.split('=').last();
+    const QByteArray claims =
+        QByteArray::fromBase64(assertion.split('.').at(1), QByteArray::Base64UrlEncoding);
+    const double issued = QJsonDocument::fromJson(claims).object().value("iat"_s).toDouble();
+    QVERIFY(qAbs(issued - double(future.toSecsSinceEpoch())) < 10);
+    QTRY_COMPARE(log.count("The clock of this machine is -"_s), 1);
+    QTRY_VERIFY(output.tokenRequests() > 3);
+    QCOMPARE(log.count("The clock of this machine is"_s), 1);
+}
+
+void TestPubSub::lateMessagesComeToTheDisk()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.delay = 350;
+    QElapsedTimer clock;
+    clock.start();
+    output.nextAnswers = {{503}};
+    output.say("one");
+    QTRY_COMPARE(output.waiting(), "1"_s);
+    QVERIFY2(clock.elapsed() > 250 && clock.elapsed() < 700, qPrintable(QString::number(clock.elapsed())));
+    QTRY_COMPARE(output.texts(), QStringList("one"_s));
+    QTRY_COMPARE(output.waiting(), "0"_s);
+    QCOMPARE(output.stored("SELECT sequence FROM message"_s), QString());
+}
+
+void TestPubSub::stopKeepsEverything()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.nextAnswers = {{-1}};
+    output.say(1, 7);
+    QElapsedTimer clock;
+    clock.start();
+    output.forwarder.reset();
+    QVERIFY(clock.elapsed() < 1000);
+    QCOMPARE(output.waiting(), "7"_s);
+    output.nextAnswers.clear();
+    output.start();
+    output.say("8");
+    QTRY_COMPARE(output.texts(), numbers(1, 8));
+    QCOMPARE(output.copies, 8);
+    QCOMPARE(output.uuids.size(), 1);
+}
+
+void TestPubSub::numbersAreNeverUsedTwice()
+{
+    const QString path = m_file.file("used.sqlite"_s);
+    const QString crashed = m_file.file("crashed.sqlite"_s);
+    QList<qint64> used;
+    QByteArray uuid;
+    {
+        Outbox outbox(path);
+        used = {outbox.nextSequence(), outbox.nextSequence()};
+        uuid = outbox.uuid();
+        for (const QString &part : {QString(), "-wal"_s})
+            QVERIFY(QFile::copy(path + part, crashed + part)); // as a power failure would leave it
+    }
+    for (const QString &each : {path, crashed}) {
+        for (int run = 0; run < 2; ++run) {
+            Outbox outbox(each);
+            const qint64 sequence = outbox.nextSequence();
+            QVERIFY2(sequence > used.last(), qPrintable(each));
+            QCOMPARE(outbox.uuid(), uuid);
+            used.append(sequence);
+        }
+    }
+}
+
+void TestPubSub::limitDropsTheOldest()
+{
+    Output output(m_file, m_certificates, m_key);
+    m_file.setKey(OUTBOX_LIMIT_KEY, "1"_s);
+    output.token.code = 503;
+    LogCapture log;
+    output.start();
+    for (int i = 1; i <= 1500; ++i)
+        output.say(QByteArray::number(i) + QByteArray(1000, 'x'));
+    QTRY_COMPARE(output.stored("SELECT waiting + dropped FROM state"_s), "1500"_s);
+    const int dropped = output.stored("SELECT dropped FROM state"_s).toInt();
+    QVERIFY(dropped > 500 && dropped < 1000);
+    QVERIFY(QFileInfo(output.path()).size() + 0 <= 4 * 1024 * 1024);
+    QCOMPARE(log.count("The outbox is full"_s), 1);
+    output.token.code = 200;
+    QTRY_COMPARE_WITH_TIMEOUT(output.texts().size(), 1500 - dropped, 8000);
+    QVERIFY(output.texts().first().startsWith(QString::number(dropped + 1) + u'x'));
+}
+
+void TestPubSub::damagedOutboxIsMovedAside_data()
+{
+    QTest::addColumn<QByteArray>("statement");
+    QTest::newRow("no database") << QByteArray();
+    QTest::newRow("another schema") << QByteArray("CREATE TABLE other (a)");
+    QTest::newRow("no name") << QByteArray("DELETE FROM state");
+    QTest::newRow("no number") << QByteArray("UPDATE state SET reserved = 9e18");
+}
+
+void TestPubSub::damagedOutboxIsMovedAside()
+{
+    QFETCH(QByteArray, statement);
+    Output output(m_file, m_certificates, m_key);
+    if (statement.isEmpty()) {
+        m_file.writeFile(QFileInfo(output.path()).fileName(), QByteArray(9000, 'x'));
+    } else {
+        Outbox(output.path()).nextSequence();
+        SqliteConnection(output.path(), SQLITE_OPEN_READWRITE, 0).run(statement.constData());
+    }
+    LogCapture log;
+    output.start();
+    output.say(1, 2);
+    QTRY_COMPARE(output.texts(), numbers(1, 2));
+    QCOMPARE(log.count("The damaged outbox was moved aside to"_s), 1);
+    const QStringList aside = QDir(m_file.folder()).entryList({"*.damaged-????????T??????*.sqlite"_s});
+    QCOMPARE(aside.size(), 1);
+    for (const QString &each : QDir(m_file.folder()).entryList({"*.damaged-*"_s}))
+        QVERIFY(QFile::remove(m_file.file(each)));
+}
+
+void TestPubSub::diskThatFailsKeepsTheYoungest()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(QDir().mkdir(output.path())); // stands in the file's way
+    LogCapture log;
+    QVERIFY(output.startWithToken());
+    output.say(1, 2005);
+    QTRY_COMPARE(output.status(), 4);
+    QCOMPARE(log.count("cannot be used"_s), 1);
+    QCOMPARE(log.count("of the oldest messages were dropped"_s), 1);
+    QVERIFY(QDir().rmdir(output.path()));
+    QTRY_COMPARE(output.texts(), numbers(6, 2005));
+    QTRY_COMPARE(output.stored("SELECT dropped FROM state"_s), "5"_s);
+    QTRY_COMPARE(output.status(), 3);
+    QCOMPARE(log.count("can be used again"_s), 1);
+}
+
+void TestPubSub::tellsOfStrayOutboxes()
+{
+    Output output(m_file, m_certificates, m_key);
+    LogCapture log;
+    Outbox(output.path()).nextSequence();
+    logStrayOutboxes();
+    QCOMPARE(log.text(), QString());
+    m_file.run("UPDATE data_forwarder SET type = 'FILE' WHERE ids = ?"_s, {output.id});
+    logStrayOutboxes();
+    QCOMPARE(log.text(), "The outbox \"%1\" belongs to no output and is left alone"_s.arg(output.path()));
+}
+
+QTEST_GUILESS_MAIN(TestPubSub)
+#include "tst_pubsub.moc"
