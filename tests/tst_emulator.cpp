@@ -1,3 +1,5 @@
+#include "forwarders/OutboxFiles.h"
+#include "forwarders/Sqlite.h"
 #include "support/Daemon.h"
 #include "support/HttpServer.h"
 #include "support/PluggedRadio.h"
@@ -11,6 +13,7 @@ class TestEmulator : public QObject
 private slots:
     void initTestCase();
     void cleanupTestCase();
+    void publishedFramesCanBePulled_data();
     void publishedFramesCanBePulled();
 
 private:
@@ -22,6 +25,7 @@ private:
     QNetworkAccessManager m_network;
     QString m_url;
     QMap<QString, QJsonObject> m_messages; // by rawData
+    QMap<QString, QJsonObject> m_attributes; // the same
 };
 
 void TestEmulator::initTestCase()
@@ -79,13 +83,24 @@ QJsonObject TestEmulator::pull(const QString &rawData)
         const QByteArray data = entry["message"_s]["data"_s].toString().toLatin1();
         const QJsonObject message = QJsonDocument::fromJson(QByteArray::fromBase64(data)).object();
         m_messages.insert(message.value("rawData"_s).toString(), message);
+        m_attributes.insert(
+            message.value("rawData"_s).toString(), entry["message"_s]["attributes"_s].toObject());
         request("POST", "subscriptions/sub:acknowledge"_s, {{"ackIds"_s, QJsonArray{entry["ackId"_s]}}});
     }
     return m_messages.value(rawData);
 }
 
+void TestEmulator::publishedFramesCanBePulled_data()
+{
+    QTest::addColumn<QString>("kind");
+    for (const char *kind : {"GCP", "PUBSUB"})
+        QTest::newRow(kind) << QString::fromLatin1(kind);
+}
+
 void TestEmulator::publishedFramesCanBePulled()
 {
+    QFETCH(QString, kind);
+    m_messages.clear();
     HttpServer tokens;
     tokens.otherAnswer.body = R"({"access_token":"t0k"})";
     const TestDatabase file;
@@ -93,7 +108,8 @@ void TestEmulator::publishedFramesCanBePulled()
     file.run("DELETE FROM data_forwarder"_s);
     file.setKey("owner_email"_s, "chef@example.org"_s);
     file.setKey("owner_dept"_s, "Équipe 4"_s);
-    file.addForwarder("GCP"_s, m_url, 0, TestCredential().secret(tokens.url("/token"_s)), "topic"_s);
+    const int id =
+        file.addForwarder(kind, m_url, 0, TestCredential().secret(tokens.url("/token"_s)), "topic"_s);
     PluggedRadio radio(19200, "30790001"_s);
     file.addRadio(radio.portName(), "van"_s);
 
@@ -113,6 +129,18 @@ void TestEmulator::publishedFramesCanBePulled()
         {"source"_s, QHostInfo::localHostName()}, {"owner_email"_s, "chef@example.org"_s},
         {"owner_dept"_s, "Équipe 4"_s}};
     QCOMPARE(message, expected);
+    QJsonObject attributes = m_attributes.value(frame);
+    if (kind == "PUBSUB"_s) {
+        SqliteConnection outbox(outboxPath(file.path(), id), SQLITE_OPEN_READONLY, 1000);
+        SqliteStatement uuid(outbox, "SELECT uuid FROM state");
+        QVERIFY(uuid.next());
+        QVERIFY(attributes.take("sequence"_s).toString().toInt() > 1);
+        const QJsonObject expectedAttributes{{"outbox"_s, QString::fromLatin1(uuid.bytes(0))},
+            {"gateway"_s, QHostInfo::localHostName()}, {"port"_s, radio.portName()}, {"trx"_s, "RX"_s}};
+        QCOMPARE(attributes, expectedAttributes);
+    } else {
+        QVERIFY(attributes.isEmpty());
+    }
     QTRY_COMPARE(pull("*GET,INFO,COMMENT,1"_s).value("trx"_s).toString(), "TX"_s);
     QCOMPARE(daemon.end(), 0);
 }

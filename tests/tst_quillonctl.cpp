@@ -1,3 +1,5 @@
+#include "forwarders/Outbox.h"
+#include "forwarders/OutboxFiles.h"
 #include "support/OpenSsl.h"
 #include "support/TestDatabase.h"
 
@@ -35,6 +37,7 @@ const Cases changes{
     {"data_forwarder|1|GCP|s|top-1||http://localhost:8085||1|0",
         "forwarder set 1 --endpoint http://localhost:8085 --topic top-1"},
     {"data_forwarder|1|GCP|s|t||||1|0", "forwarder set 1 --endpoint default"},
+    {"system_configuration|8|outbox_limit|1048576", "config set outbox_limit 1048576"},
     {"system_configuration|3|autokill_pwd|pass-word-1234", "config set autokill_pwd -"},
     {"system_configuration|8|autokill_url|https://h:8443/", "config set autokill_url https://h:8443/"},
     {"pending_actions|2|DISP,it's; DROP --", "say \"it's; DROP --\""},
@@ -61,6 +64,9 @@ const Cases refusals{
     {"nothing to change", "radio set 1"},
     {"there is no ",
         "radio remove 99 | forwarder enable 99 | config set nothing 1 | check --user nobody-else"},
+    {"1 to 1048576",
+        "config set outbox_limit 0 | config set outbox_limit 1048577 | config set outbox_limit x"},
+    {"there is no outbox", "outbox show 1 | outbox drop 1 --yes"},
     {"is not blocked", "port unblock ttyUSB7"},
     {"does not exist", "forwarder add file /none/log | forwarder add gcp /none --topic abc"},
     {"is a folder", "forwarder add file ."},
@@ -112,6 +118,7 @@ private slots:
     void unusableFiles();
     void lockedFile();
     void initMakesTheFileOnce();
+    void showsAndDropsOutboxes();
     void checkFindings();
     void checkReachesServers();
     void namesOfOneDevice();
@@ -214,7 +221,8 @@ void TestQuillonctl::listings()
             "listen only/not identified/identified, working/stopped, no answer/disabled"_s},
         {"forwarder list"_s, "state"_s, "not running/disabled (last: working)/working/failed"_s},
         {"port list"_s, "blocked"_s, "true/true"_s},
-        {"config list"_s, "value"_s, "false/undefined/undefined/undefined/undefined/undefined/false/1.1"_s},
+        {"config list"_s, "value"_s,
+            "false/undefined/undefined/undefined/undefined/undefined/false/undefined/1.1"_s},
         {"config get owner_email"_s, "value"_s, "undefined"_s},
         {"pending list"_s, "command"_s, "RESTART_APP"_s},
         {"status"_s, "release"_s, "1.1"_s},
@@ -332,6 +340,40 @@ void TestQuillonctl::initMakesTheFileOnce()
     QVERIFY(m_out.contains("nothing was changed") && fileBytes() == m_filledFile);
     QCOMPARE(run("init"_s, {}, m_file->file("none/new"_s)), 2);
     QVERIFY2(m_error.contains("cannot be made: ") && m_out.isEmpty(), m_error);
+}
+
+void TestQuillonctl::showsAndDropsOutboxes()
+{
+    const QString path = outboxPath(m_file->path(), 1);
+    m_file->run("UPDATE data_forwarder SET type = 'PUBSUB' WHERE ids = 1"_s);
+    QCOMPARE(run("status"_s), 0); // it has not run yet
+    Outbox running(path);
+    const QByteArray hour =
+        QDateTime::currentDateTimeUtc().addSecs(-3600).toString(Qt::ISODateWithMs).toUtf8();
+    const OutboxMessage message{running.nextSequence(), R"({"transmissionDate":")" + hour + "\"}"};
+    const OutboxMessage bad{running.nextSequence(), "bad"};
+    QCOMPARE(running.apply({{message, bad}, {}, {}, 7}).value_or(-1), 0);
+    QCOMPARE(running.apply({{}, {}, {{bad, "400 no"_s}}, 0}).value_or(-1), 0);
+
+    QCOMPARE(run("status --json"_s), 0);
+    const QJsonValue output = QJsonDocument::fromJson(m_out)["outputs"_s][0];
+    QJsonObject outbox = output["outbox"_s].toObject();
+    QVERIFY(qAbs(outbox.take("oldest"_s).toInt() - 3600) < 60);
+    const QJsonObject expected{{"waiting"_s, 1}, {"dropped"_s, 7}, {"refused"_s, 1}};
+    QCOMPARE(outbox, expected);
+    QCOMPARE(run("status"_s), 0);
+    QVERIFY2(QRegExp(".*\n1 +1 +60 min +7 +1 *\n.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
+    QCOMPARE(run("outbox show 1"_s), 0);
+    QVERIFY2(QRegExp(".*\n2 +400 no +bad *\n.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
+    QCOMPARE(run("outbox drop 1"_s), 2);
+    QCOMPARE(run("outbox drop 1 --yes"_s), 0);
+    QCOMPARE(running.read({1, 9}, 9, 999)->size(), 0);
+    QVERIFY(QFile::exists(path));
+    m_file->run("DELETE FROM data_forwarder WHERE ids = 1"_s);
+    QCOMPARE(run("outbox list"_s), 0);
+    QVERIFY2(QRegExp(".*\n1 +0 +- +8 +1 +no +.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
+    QCOMPARE(run("outbox drop 1 --yes"_s), 0);
+    QVERIFY(!QFile::exists(path));
 }
 
 void TestQuillonctl::checkFindings()

@@ -5,7 +5,7 @@ _quillonctl_words()
 {
     local everywhere="--configfile --wait --help"
     case "$1" in
-        "") echo "status watch radio port forwarder config say restart reboot pending init check --version $everywhere" ;;
+        "") echo "status watch radio port forwarder config say restart reboot pending outbox init check --version $everywhere" ;;
         status) echo "--watch --json $everywhere" ;;
         watch) echo "--json --radio --kind --count --socket $everywhere" ;;
         radio) echo "list add set enable disable remove $everywhere" ;;
@@ -13,8 +13,8 @@ _quillonctl_words()
         "radio set") echo "--name --baud --autobaud --listen-only --transmit $everywhere" ;;
         port) echo "list block unblock $everywhere" ;;
         forwarder) echo "list add set enable disable remove $everywhere" ;;
-        "forwarder add") echo "raw eraw file duos gcp stream $everywhere" ;;
-        "forwarder add gcp") echo "--topic --endpoint --comment --disabled $everywhere" ;;
+        "forwarder add") echo "raw eraw file duos gcp pubsub stream $everywhere" ;;
+        "forwarder add gcp" | "forwarder add pubsub") echo "--topic --endpoint --comment --disabled $everywhere" ;;
         "forwarder add stream") echo "--public --comment --disabled $everywhere" ;;
         "forwarder add "*) echo "--comment --disabled $everywhere" ;;
         "forwarder set") echo "--target --public --credentials --topic --endpoint --comment $everywhere" ;;
@@ -23,6 +23,9 @@ _quillonctl_words()
         "config get") echo "$(_quillonctl_keys) bdd_release --show-secrets --json $everywhere" ;;
         "config set") echo "$(_quillonctl_keys) $everywhere" ;;
         pending) echo "list clear $everywhere" ;;
+        outbox) echo "list show drop $everywhere" ;;
+        "outbox show") echo "--json $everywhere" ;;
+        "outbox drop") echo "--yes $everywhere" ;;
         *" list") echo "--json $everywhere" ;;
         reboot) echo "--yes $everywhere" ;;
         check) echo "--user --json $everywhere" ;;
@@ -32,7 +35,7 @@ _quillonctl_words()
 
 _quillonctl_keys()
 {
-    echo "autokill_enabled autokill_user autokill_pwd autokill_url owner_email owner_dept forward_invalid_data"
+    echo "autokill_enabled autokill_user autokill_pwd autokill_url owner_email owner_dept forward_invalid_data outbox_limit"
 }
 
 _quillonctl_kinds()
@@ -103,7 +106,7 @@ _quillonctl()
         "radio add" | "port block" | "port unblock")
             mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -W "$(_quillonctl_ports)" -- "$current")
             ;;
-        "forwarder add file" | "forwarder add gcp" | "forwarder add stream")
+        "forwarder add file" | "forwarder add gcp" | "forwarder add pubsub" | "forwarder add stream")
             mapfile -t -O "${#COMPREPLY[@]}" COMPREPLY < <(compgen -f -- "$current")
             compopt -o filenames 2>/dev/null
             ;;

@@ -2,11 +2,13 @@
 
 #include "config/ConfigKeys.h"
 #include "forwarders/CloudRequests.h"
+#include "forwarders/OutboxFiles.h"
 #include "serial/DevicePath.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/KnownKeys.h"
 #include "tools/quillonctl/Listing.h"
+#include "tools/quillonctl/OutboxFile.h"
 #include "tools/quillonctl/ServiceUser.h"
 #include "tools/quillonctl/StreamTarget.h"
 
@@ -50,6 +52,7 @@ private:
     void checkDevice(const QString &subject, const QSqlRecord &radio);
     void checkOutput(const QSqlRecord &output);
     void checkServer(const QString &subject, const QString &host, int port, const QString &remedy);
+    void checkOutbox(const QString &subject, int id);
     void checkPubSub(const QString &subject, const QSqlRecord &output, const QString &id);
     void checkStream(const QString &subject, const StreamTarget &target, const QString &id);
     void report(Severity severity, const QString &subject, const QString &problem, const QString &remedy);
@@ -208,10 +211,26 @@ void Check::checkOutput(const QSqlRecord &output)
         checkPubSub(subject, output, id);
     } else if (type == QLatin1String("STREAM")) {
         checkStream(subject, StreamTarget::fromRow(output), id);
+    } else if (type == QLatin1String("PUBSUB")) {
+        checkOutbox(subject, id.toInt());
+        checkPubSub(subject, output, id);
     } else if (type != QLatin1String("DUOS")) {
         report(Error, subject, QStringLiteral("the daemon knows no output of this kind and passes it over"),
             QStringLiteral("quillonctl forwarder remove %1").arg(id));
     }
+}
+
+void Check::checkOutbox(const QString &subject, int id)
+{
+    const QString path = outboxPath(QFileInfo(m_file.path()).absoluteFilePath(), id);
+    const QString problem = m_user.writeProblem(path);
+    if (!problem.isEmpty())
+        report(Error, subject, QStringLiteral("its outbox cannot be kept: ") + problem,
+            QStringLiteral("chown %1 %2").arg(m_user.name(), QFileInfo(path).absolutePath()));
+    const QString damage = outboxCounts(path, connectTimeoutMs).value(QStringLiteral("problem")).toString();
+    if (problem.isEmpty() && !damage.isEmpty())
+        report(
+            Warning, subject, damage, QStringLiteral("the daemon moves a damaged one aside and begins anew"));
 }
 
 void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const QString &id)

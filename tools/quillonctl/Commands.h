@@ -16,6 +16,7 @@ void addPortCommands(CLI::App &app, CommandContext &context);
 void addForwarderCommands(CLI::App &app, CommandContext &context);
 void addConfigCommands(CLI::App &app, CommandContext &context);
 void addQueueCommands(CLI::App &app, CommandContext &context);
+void addOutboxCommands(CLI::App &app, CommandContext &context);
 void addInitCommand(CLI::App &app, CommandContext &context);
 void addWatchCommand(CLI::App &app, CommandContext &context);
 void addCheckCommand(CLI::App &app, CommandContext &context);

@@ -2,6 +2,7 @@
 
 #include "config/ConfigKeys.h"
 #include "forwarders/CloudRequests.h"
+#include "forwarders/OutboxFiles.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
@@ -10,6 +11,7 @@
 #include "tools/quillonctl/StreamTarget.h"
 
 #include <QDir>
+#include <QFile>
 
 #include <memory>
 #include <optional>
@@ -56,7 +58,9 @@ const OutputKind kinds[] = {
         "Stream frames to a TCP server, each after its radio's name and |"},
     {QStringLiteral("FILE"), "file", LogFile, "Write frames to a file, which is emptied at every start"},
     {QStringLiteral("DUOS"), "duos", Nothing, "Accept frames and send nothing"},
-    {QStringLiteral("GCP"), "gcp", PubSub, "Publish frames to a topic of Google Cloud Pub/Sub"},
+    {QStringLiteral("GCP"), "gcp", PubSub,
+        "Publish frames to a topic of Google Cloud Pub/Sub; some get lost"},
+    {QStringLiteral("PUBSUB"), "pubsub", PubSub, "Publish frames to such a topic and lose none"},
     {QStringLiteral("STREAM"), "stream", Clients, "Let programs join and read JSON records, as watch does"},
 };
 
@@ -159,6 +163,9 @@ void addOutput(const CommandContext &context, const OutputKind &kind, const Outp
                            "when it starts: start it once, then add outputs"));
     const int id = file.insert(table, columns);
     printLine(QStringLiteral("Output %1 added: %2.").arg(QString::number(id), kind.type));
+    if (kind.type == QLatin1String("PUBSUB") && QFile::exists(outboxPath(file.path(), id)))
+        printLine(QStringLiteral("It goes on with the outbox of a removed output: quillonctl outbox show %1")
+                      .arg(id));
     printRestartNote();
 }
 
@@ -229,8 +236,8 @@ void addSetCommand(CLI::App *forwarder, CommandContext &context)
     set->add_option("ID", options->id, "Its id in the list")->required();
     set->add_option("--target", options->target, "HOST:PORT (raw, eraw), PATH (file) or either (stream)");
     set->add_flag("--public", options->isPublic, "Let other machines read, too (stream)");
-    set->add_option("--credentials", options->credentials, "Service-account document (gcp)");
-    set->add_option("--topic", options->topic, "Topic id (gcp)");
+    set->add_option("--credentials", options->credentials, "Service-account document (gcp, pubsub)");
+    set->add_option("--topic", options->topic, "Topic id (gcp, pubsub)");
     set->add_option("--endpoint", options->endpoint, "https://HOST[:PORT], or default for Google's (gcp)");
     set->add_option("--comment", options->comment, "Free text");
     set->callback([&context, options] { setOutput(context, *options); });

@@ -1,5 +1,6 @@
 #include "tools/quillonctl/InputChecks.h"
 
+#include "forwarders/PublishRequest.h"
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/Printer.h"
 
@@ -135,7 +136,7 @@ QString checkedTopic(const std::string &argument)
     QString topic = checkedText(argument, QStringLiteral("a topic"), 255);
     // The column has numeric affinity, so that a topic of digits would not come back as it was; it starts
     // with a letter anyway: https://cloud.google.com/pubsub/docs/pubsub-basics#resource_names
-    if (!matches(topic, QStringLiteral("(?!goog)[A-Za-z][A-Za-z0-9._~+%-]{2,254}")))
+    if (!isTopicId(topic))
         throw CommandError(
             QStringLiteral("a topic is 3 to 255 letters, digits and -._~+%, begins with a letter "
                            "and not with \"goog\"; this one is %1")

@@ -24,6 +24,8 @@ const QVector<KnownKey> &knownKeys()
         {FORWARD_INVALID_DATA_KEY, KnownKey::Switch, false, false, QStringLiteral("true, false"),
             QStringLiteral("true: outputs also get commands to radios that are not identified yet, and what "
                            "those send unasked; false: they do not")},
+        {OUTBOX_LIMIT_KEY, KnownKey::Number, false, false, QStringLiteral("1 to 1048576, undefined"),
+            QStringLiteral("How much each outbox may hold on the disk, in MiB; 256 when undefined")},
         {BDD_RELEASE_KEY, KnownKey::ReadOnly, false, false, QStringLiteral("read only"),
             QStringLiteral("Release of the file's schema, kept by the daemon")},
     };
@@ -53,6 +55,9 @@ QString valueProblem(const KnownKey &key, const QString &value)
     if (key.kind == KnownKey::ServiceUrl)
         return serviceUrlProblem(
             value.endsWith(QLatin1Char('/')) ? value.chopped(1) : value, {QStringLiteral("https")});
+    static const QRegularExpression number(QStringLiteral("^[1-9][0-9]{0,6}$"));
+    if (key.kind == KnownKey::Number && (!number.match(value).hasMatch() || value.toInt() > 1048576))
+        return QStringLiteral("it is a whole number from 1 to 1048576");
     if (key.kind == KnownKey::Email && !email.match(value).hasMatch())
         return QStringLiteral("it is no e-mail address");
     if (key.kind == KnownKey::Login

@@ -12,6 +12,7 @@ struct KnownKey
         Text,
         Email,
         ServiceUrl, ///< https://HOST or https://HOST:PORT
+        Number, ///< a whole number from 1
         ReadOnly, ///< kept by the daemon
     };
 

@@ -4,7 +4,9 @@
 #include "config/DataForwarderConfig.h"
 #include "config/RadioAdapterConfig.h"
 #include "forwarders/CloudRequests.h"
+#include "forwarders/OutboxFiles.h"
 #include "forwarders/RadioModels.h"
+#include "tools/quillonctl/OutboxFile.h"
 
 namespace {
 
@@ -36,6 +38,8 @@ const StateWord stateWords[] = {
     {Output, DataForwarderConfig::Working, QStringLiteral("working"), QStringLiteral("32")},
     {Output, DataForwarderConfig::Failed, QStringLiteral("failed"), QStringLiteral("31")},
 };
+
+constexpr int outboxTimeoutMs = 500; // a listing rather lacks an outbox than waits for it
 
 const QString disabledColour = QStringLiteral("2");
 
@@ -84,7 +88,7 @@ QString targetText(const QString &kind, const QString &target, int port)
     const bool isTcpStream = kind == QLatin1String("STREAM") && !target.startsWith(QLatin1Char('/'));
     if (kind == QLatin1String("RAW") || kind == QLatin1String("ERAW") || isTcpStream)
         return hostAndPort(target, port);
-    if (kind == QLatin1String("GCP") && !namesEndpoint(target))
+    if ((kind == QLatin1String("GCP") || kind == QLatin1String("PUBSUB")) && !namesEndpoint(target))
         return QStringLiteral("Google Cloud Pub/Sub");
     return target;
 }
@@ -143,8 +147,13 @@ QJsonArray radioRows(const ConfigFile &file)
 QJsonArray outputRows(const ConfigFile &file)
 {
     QJsonArray result;
-    for (const QSqlRecord &record : file.rows(QStringLiteral("data_forwarder")))
-        result.append(outputRow(record));
+    for (const QSqlRecord &record : file.rows(QStringLiteral("data_forwarder"))) {
+        QJsonObject row = outputRow(record);
+        if (row.value(QStringLiteral("kind")).toString() == QLatin1String("PUBSUB"))
+            row[QStringLiteral("outbox")] = outboxCounts(
+                outboxPath(file.path(), row.value(QStringLiteral("id")).toInt()), outboxTimeoutMs);
+        result.append(row);
+    }
     return result;
 }
 
@@ -217,6 +226,21 @@ void printOutputs(const QJsonArray &outputs, bool withSettings)
         };
     columns.append({QStringLiteral("state"), QStringLiteral("STATE"), outputColour});
     printTable(columns, outputs, QStringLiteral("No output is configured."));
+}
+
+void printOutboxesOf(const QJsonArray &outputs)
+{
+    QJsonArray rows;
+    for (const auto &output : outputs) {
+        QJsonObject row = output[QStringLiteral("outbox")].toObject();
+        row[QStringLiteral("id")] = output[QStringLiteral("id")];
+        if (row.size() > 1)
+            rows.append(row);
+    }
+    if (rows.isEmpty())
+        return;
+    printLine(QString());
+    printOutboxes(rows, false);
 }
 
 void printPending(const QJsonArray &actions)

@@ -7,7 +7,8 @@
 
 /// Radios: id, port, name, esn, model, band, speed, listenOnly, enabled, method, status, state.
 QJsonArray radioRows(const ConfigFile &file);
-/// Outputs: id, kind, target, topic, comment, enabled, status, state.
+/// Outputs: id, kind, target, topic, comment, enabled, status, state; of those that have one, outbox, which
+/// holds waiting, oldest (in seconds), dropped and refused, or problem.
 QJsonArray outputRows(const ConfigFile &file);
 /// Actions that the daemon has yet to carry out: id, command.
 QJsonArray pendingRows(const ConfigFile &file);
@@ -21,6 +22,8 @@ bool migrationRemovesOutputs(const QString &release);
 
 void printRadios(const QJsonArray &radios, bool withSettings);
 void printOutputs(const QJsonArray &outputs, bool withSettings);
+/// The outboxes of these outputs, after an empty line; nothing when there are none.
+void printOutboxesOf(const QJsonArray &outputs);
 void printPending(const QJsonArray &actions);
 
 /// HOST:PORT, with brackets around an IPv6 address.

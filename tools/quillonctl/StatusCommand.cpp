@@ -33,7 +33,9 @@ void printStatus(const ConfigFile &file)
     printLine(QString());
     printRadios(radioRows(file), false);
     printLine(QString());
-    printOutputs(outputRows(file), false);
+    const QJsonArray outputs = outputRows(file);
+    printOutputs(outputs, false);
+    printOutboxesOf(outputs);
     printLine(QString());
     printPending(pendingRows(file));
 }

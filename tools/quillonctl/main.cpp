@@ -65,6 +65,7 @@ void addCommands(CLI::App &app, CommandContext &context)
     addForwarderCommands(app, context);
     addConfigCommands(app, context);
     addQueueCommands(app, context);
+    addOutboxCommands(app, context);
     addInitCommand(app, context);
     addCheckCommand(app, context);
 }
