@@ -46,9 +46,7 @@ void AccessToken::request()
         return;
     const DataForwarderConfig row = m_row();
     const ServiceAccount account(row.secret);
-    m_projectId = account.projectId();
-    m_topic = row.context;
-    m_endpoint = pubSubEndpoint(row.target);
+    m_requested = {account.projectId(), row.context, pubSubEndpoint(row.target)};
     m_signedAt = m_clock->secondsSinceEpoch();
     const QByteArray assertion = account.signedAssertion(m_signedAt, assertionLifetime);
     const QString problem = problemOf(row, account.tokenUri(), assertion);
@@ -61,7 +59,9 @@ void AccessToken::request()
 void AccessToken::post(const QString &tokenUri, const QByteArray &assertion)
 {
     m_requesting = true;
-    QNetworkReply *reply = m_network->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
+    QNetworkRequest request = tokenRequest(tokenUri);
+    request.setRawHeader("Accept-Encoding", "identity"); // so that the limit holds for what is unpacked, too
+    QNetworkReply *reply = m_network->post(request, tokenRequestBody(assertion));
     limitAnswer(reply);
     QTimer::singleShot(m_timeout, reply, &QNetworkReply::abort);
     connect(reply, &QNetworkReply::finished, this, [this, reply] { finish(reply); });
@@ -100,6 +100,7 @@ bool AccessToken::take(const QByteArray &answer)
     const qint64 seconds = expiry.toVariant().toLongLong(); // a number, or one in quotes
     m_lifetime = qBound<qint64>(1, seconds > 0 ? seconds : usualLifetime, longestLifetime) * 1000;
     m_value = *token;
+    m_destination = m_requested;
     m_age.start();
     m_renewal.start(int(m_lifetime / 10 * 9));
     return true;

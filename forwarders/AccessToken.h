@@ -27,9 +27,10 @@ public:
 
     /// Empty while none is held.
     QByteArray value() const;
-    QString projectId() const { return m_projectId; }
-    QString topic() const { return m_topic; }
-    QUrl endpoint() const { return m_endpoint; }
+    /// Where the row says that messages go with this token.
+    QString projectId() const { return m_destination.projectId; }
+    QString topic() const { return m_destination.topic; }
+    QUrl endpoint() const { return m_destination.endpoint; }
 
     /// Asks for a token, unless a request is under way. Ends with one of the signals, perhaps at once.
     void request();
@@ -42,6 +43,13 @@ signals:
     void failed(const QString &reason, qint64 retryAfter);
 
 private:
+    struct Destination
+    {
+        QString projectId;
+        QString topic;
+        QUrl endpoint;
+    };
+
     void post(const QString &tokenUri, const QByteArray &assertion);
     void finish(QNetworkReply *reply);
     bool take(const QByteArray &answer);
@@ -50,9 +58,8 @@ private:
     ServerClock *const m_clock;
     const Row m_row;
     const int m_timeout;
-    QString m_projectId;
-    QString m_topic;
-    QUrl m_endpoint;
+    Destination m_destination;
+    Destination m_requested; // what counts when the token is there: no token goes where another row says
     QByteArray m_value;
     qint64 m_lifetime = 0; // ms
     qint64 m_signedAt = 0; // s since 1970 UTC

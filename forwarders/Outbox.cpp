@@ -14,7 +14,6 @@ constexpr int busyTimeout = 50; // ms; radios wait meanwhile
 // One commit for so many sequence numbers, so that those of messages that never touch the disk cost nothing.
 constexpr qint64 reservedAtOnce = 1000000;
 constexpr qint64 greatestSequence = std::numeric_limits<qint64>::max() / 2;
-constexpr int keptRefused = 100;
 constexpr int longestRefused = 64 * 1024; // bytes; a longer text is kept in part
 constexpr int droppedAtOnce = 100;
 constexpr int longestValue = 32 * 1024 * 1024; // bytes; a damaged file may claim any length

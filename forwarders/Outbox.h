@@ -74,6 +74,7 @@ public:
     /// How many bytes the file may hold.
     void setLimit(qint64 bytes) { m_limit = bytes; }
 
+    static constexpr int keptRefused = 100; ///< messages; older ones go
     /// Statements that make an outbox, one for each entry of its schema.
     static const char *const schema[];
 

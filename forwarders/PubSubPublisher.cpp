@@ -103,6 +103,7 @@ void PubSubPublisher::post(const Batch &batch, const QVector<OutboxMessage> &mes
         cloudRequest(publishUrl(m_token.endpoint(), m_token.projectId(), m_token.topic()),
             QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + token);
+    request.setRawHeader("Accept-Encoding", "identity"); // so that the limit holds for what is unpacked, too
     QNetworkReply *reply = m_network.post(request, body);
     limitAnswer(reply);
     QTimer::singleShot(m_times.answerTimeout + body.size() / slowestLine, reply, &QNetworkReply::abort);

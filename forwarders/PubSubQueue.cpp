@@ -119,6 +119,8 @@ void PubSubQueue::refuse(const RefusedMessage &refused)
     if (m_change.isEmpty())
         m_changed = m_clock.elapsed();
     m_change.refused.append(refused);
+    if (m_change.refused.size() > Outbox::keptRefused)
+        m_change.refused.removeFirst(); // on a disk that fails; it comes again after a restart
 }
 
 /// How old a message becomes before its commit begins, so that it ends in time on a disk as slow as this one.
