@@ -1,6 +1,8 @@
 #include "tools/quillonctl/Commands.h"
+#include "tools/quillonctl/Findings.h"
 
 #include "config/ConfigKeys.h"
+#include "config/DataForwarderConfig.h"
 #include "forwarders/CloudRequests.h"
 #include "forwarders/OutboxFiles.h"
 #include "serial/DevicePath.h"
@@ -20,6 +22,7 @@
 namespace {
 
 const int connectTimeoutMs = 2000;
+const QString errorWord = QStringLiteral("error");
 
 struct CheckOptions
 {
@@ -36,12 +39,13 @@ enum Severity {
 class Check
 {
 public:
-    Check(const ConfigFile &file, const ServiceUser &user) : m_file(file), m_user(user) { }
+    Check(const ConfigFile &file, const ServiceUser &user, Probing probing)
+        : m_file(file), m_user(user), m_probing(probing)
+    {
+    }
 
     void run();
     QJsonArray findings() const { return m_findings; }
-    /// The severity of the worst finding, 0 when there is none.
-    int worst() const { return m_worst; }
 
 private:
     void checkFile();
@@ -59,8 +63,8 @@ private:
 
     const ConfigFile &m_file;
     const ServiceUser m_user;
+    const Probing m_probing;
     QJsonArray m_findings;
-    int m_worst = 0;
 };
 
 void Check::run()
@@ -71,16 +75,16 @@ void Check::run()
     checkAutokill();
     checkRadios();
     for (const QSqlRecord &output : m_file.rows(QStringLiteral("data_forwarder"))) {
-        if (output.value(QStringLiteral("enabled")).toBool())
+        const bool works = output.value(QStringLiteral("status")).toInt() == DataForwarderConfig::Working;
+        if (output.value(QStringLiteral("enabled")).toBool() && !(works && m_probing == WhatFails))
             checkOutput(output);
     }
 }
 
 void Check::report(Severity severity, const QString &subject, const QString &problem, const QString &remedy)
 {
-    m_worst = qMax(m_worst, int(severity));
     m_findings.append(QJsonObject{
-        {QStringLiteral("severity"), severity == Error ? QStringLiteral("error") : QStringLiteral("warning")},
+        {QStringLiteral("severity"), severity == Error ? errorWord : QStringLiteral("warning")},
         {QStringLiteral("subject"), subject},
         {QStringLiteral("problem"), problem},
         {QStringLiteral("remedy"), remedy},
@@ -289,19 +293,24 @@ void Check::checkServer(const QString &subject, const QString &host, int port, c
         remedy);
 }
 
+int severityOf(const QJsonObject &finding)
+{
+    return finding.value(QStringLiteral("severity")).toString() == errorWord ? Error : Warning;
+}
+
 void check(CommandContext &context, const CheckOptions &options)
 {
     const ConfigFile file = context.open(ConfigFile::ReadOnly);
-    Check check(file,
-        options.user.empty() ? ServiceUser::find()
-                             : ServiceUser::named(QString::fromStdString(options.user)));
-    check.run();
-    context.exitCode = check.worst();
+    const QJsonArray findings = findingRows(file,
+        options.user.empty() ? ServiceUser::find() : ServiceUser::named(QString::fromStdString(options.user)),
+        Everything);
+    for (const auto &finding : findings)
+        context.exitCode = qMax(context.exitCode, severityOf(finding.toObject()));
     if (options.json) {
-        printJson(check.findings());
+        printJson(findings);
         return;
     }
-    for (const auto &value : check.findings()) {
+    for (const auto &value : findings) {
         const QJsonObject finding = value.toObject();
         printLine(QStringLiteral("%1: %2: %3. Remedy: %4.")
                       .arg(finding.value(QStringLiteral("severity")).toString(),
@@ -309,11 +318,18 @@ void check(CommandContext &context, const CheckOptions &options)
                           finding.value(QStringLiteral("problem")).toString(),
                           finding.value(QStringLiteral("remedy")).toString()));
     }
-    if (check.findings().isEmpty())
+    if (findings.isEmpty())
         printLine(QStringLiteral("Nothing to report."));
 }
 
 } // namespace
+
+QJsonArray findingRows(const ConfigFile &file, const ServiceUser &user, Probing probing)
+{
+    Check check(file, user, probing);
+    check.run();
+    return check.findings();
+}
 
 void addCheckCommand(CLI::App &app, CommandContext &context)
 {

@@ -20,3 +20,4 @@ void addOutboxCommands(CLI::App &app, CommandContext &context);
 void addInitCommand(CLI::App &app, CommandContext &context);
 void addWatchCommand(CLI::App &app, CommandContext &context);
 void addCheckCommand(CLI::App &app, CommandContext &context);
+void addConsoleCommands(CLI::App &app, CommandContext &context);

@@ -8,14 +8,13 @@
 #include <QSqlQuery>
 #include <QStringList>
 #include <QUrl>
+#include <QUuid>
 
 #include <cerrno>
 #include <cstring>
 #include <unistd.h>
 
 namespace {
-
-const QString connectionName = QStringLiteral("quillonctl");
 
 const QString requiredTables[] = {QStringLiteral("radio_adapters"), QStringLiteral("port_blacklist"),
     QStringLiteral("system_configuration"), QStringLiteral("data_forwarder"),
@@ -80,14 +79,15 @@ QString names(const QVariantMap &columns, const QString &suffix = {})
 } // namespace
 
 ConfigFile::Connection::Connection()
-    : database(QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connectionName))
+    : name(QUuid::createUuid().toString()),
+      database(QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), name))
 {
 }
 
 ConfigFile::Connection::~Connection()
 {
     database = QSqlDatabase(); // a connection can only be removed once nothing refers to it
-    QSqlDatabase::removeDatabase(connectionName);
+    QSqlDatabase::removeDatabase(name);
 }
 
 ConfigFile::ConfigFile(const QString &path, Access access, int busyTimeoutMs) : m_path(path)

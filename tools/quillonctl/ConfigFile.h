@@ -49,6 +49,7 @@ private:
         ~Connection();
         Q_DISABLE_COPY(Connection)
 
+        const QString name; ///< its own, so that threads may each have a file open
         QSqlDatabase database;
     };
 

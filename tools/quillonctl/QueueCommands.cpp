@@ -1,3 +1,4 @@
+#include "tools/quillonctl/Actions.h"
 #include "tools/quillonctl/Commands.h"
 
 #include "tools/quillonctl/CommandError.h"
@@ -29,11 +30,7 @@ QString displayedText(const QString &text)
 
 void say(const CommandContext &context, const QueueOptions &options)
 {
-    const QString text = checkedText(options.text, QStringLiteral("a text"), 200);
-    const QString displayed = displayedText(text);
-    if (displayed.trimmed().isEmpty())
-        throw CommandError(QStringLiteral("nothing of this text would reach a display"));
-    context.open(ConfigFile::ReadWrite).insert(table, {{commandColumn, displayPrefix + text}});
+    const QString displayed = queueText(context.open(ConfigFile::ReadWrite), options.text);
     printLine(QStringLiteral("Queued for every radio that commands are sent to: %1").arg(displayed));
     printLine(QStringLiteral("Displays receive it in capitals; double quotes are removed."));
     if (displayed.size() <= displayWidth)
@@ -44,11 +41,8 @@ void say(const CommandContext &context, const QueueOptions &options)
             "and the wait in the radio's queue apart, and is cleared at the end."));
 }
 
-/// Queues an action that makes no sense twice.
-void queueOnce(const CommandContext &context, const QString &command)
+void printQueued(bool added)
 {
-    const ConfigFile file = context.open(ConfigFile::ReadWrite);
-    const bool added = file.insertUnlessPresent(table, {{commandColumn, command}}, commandColumn) > 0;
     printLine(added
             ? QStringLiteral("Queued. The daemon carries it out within about two seconds, or once it runs.")
             : QStringLiteral("It is queued already; the daemon carries it out once it runs."));
@@ -58,7 +52,7 @@ void reboot(const CommandContext &context, const QueueOptions &options)
 {
     if (!options.yes)
         throw CommandError(QStringLiteral("this reboots the machine: say so with quillonctl reboot --yes"));
-    queueOnce(context, QStringLiteral("REBOOT"));
+    printQueued(queueOnce(context.open(ConfigFile::ReadWrite), QStringLiteral("REBOOT")));
 }
 
 void clearPending(const CommandContext &context)
@@ -87,6 +81,26 @@ void addPendingCommands(CLI::App &app, CommandContext &context)
 
 } // namespace
 
+QString queueText(const ConfigFile &file, const std::string &argument)
+{
+    const QString text = checkedText(argument, QStringLiteral("a text"), 200);
+    const QString displayed = displayedText(text);
+    if (displayed.trimmed().isEmpty())
+        throw CommandError(QStringLiteral("nothing of this text would reach a display"));
+    file.insert(table, {{commandColumn, displayPrefix + text}});
+    return displayed;
+}
+
+bool queueOnce(const ConfigFile &file, const QString &command)
+{
+    return file.insertUnlessPresent(table, {{commandColumn, command}}, commandColumn) > 0;
+}
+
+bool queueRestart(const ConfigFile &file)
+{
+    return queueOnce(file, QStringLiteral("RESTART_APP"));
+}
+
 void addQueueCommands(CLI::App &app, CommandContext &context)
 {
     const auto options = std::make_shared<QueueOptions>();
@@ -95,7 +109,7 @@ void addQueueCommands(CLI::App &app, CommandContext &context)
     sayCommand->callback([&context, options] { say(context, *options); });
 
     CLI::App *restart = app.add_subcommand("restart", "End the daemon, which its service then starts again");
-    restart->callback([&context] { queueOnce(context, QStringLiteral("RESTART_APP")); });
+    restart->callback([&context] { printQueued(queueRestart(context.open(ConfigFile::ReadWrite))); });
 
     CLI::App *rebootCommand = app.add_subcommand("reboot", "Reboot the machine");
     rebootCommand->add_flag("--yes", options->yes, "Really do it");

@@ -1,3 +1,4 @@
+#include "tools/quillonctl/Actions.h"
 #include "tools/quillonctl/Commands.h"
 
 #include "serial/DevicePath.h"
@@ -122,14 +123,12 @@ void addRadio(const CommandContext &context, const RadioOptions &options)
     printAdded(file, id, port, !options.disabled);
 }
 
-void changeRadio(const CommandContext &context, const RadioOptions &options, const QVariantMap &columns)
+void setRadio(const CommandContext &context, const RadioOptions &options, const QVariantMap &columns)
 {
     const int id = checkedId(options.id);
     if (columns.isEmpty())
         throw CommandError(QStringLiteral("nothing to change: see quillonctl radio set --help"));
-    const ConfigFile file = context.open(ConfigFile::ReadWrite);
-    if (file.update(table, columns, QStringLiteral("ids"), id) == 0)
-        throw CommandError(QStringLiteral("there is no radio with the id %1").arg(id));
+    changeRadio(context.open(ConfigFile::ReadWrite), id, columns);
     printLine(QStringLiteral(
         "Radio %1 changed. The daemon reads the row when it next opens the port, at the latest "
         "after quillonctl restart.")
@@ -190,10 +189,26 @@ void addSetCommand(CLI::App *radio, CommandContext &context)
     set->add_flag("--autobaud", options->autobaud, "Try the usual speeds")->excludes("--baud");
     set->add_flag("--listen-only", options->listenOnly, "Never send anything to the radio");
     set->add_flag("--transmit", options->transmit, "Send commands to the radio")->excludes("--listen-only");
-    set->callback([&context, options] { changeRadio(context, *options, columnsOf(*options)); });
+    set->callback([&context, options] { setRadio(context, *options, columnsOf(*options)); });
 }
 
 } // namespace
+
+void changeRadio(const ConfigFile &file, int id, const QVariantMap &columns)
+{
+    if (file.update(table, columns, QStringLiteral("ids"), id) == 0)
+        throw CommandError(QStringLiteral("there is no radio with the id %1").arg(id));
+}
+
+void renameRadio(const ConfigFile &file, int id, const std::string &name)
+{
+    changeRadio(file, id, {{nameColumn, checkedRadioName(name)}});
+}
+
+void enableRadio(const ConfigFile &file, int id, bool enabled)
+{
+    changeRadio(file, id, {{enabledColumn, enabled}});
+}
 
 void addRadioCommands(CLI::App &app, CommandContext &context)
 {
@@ -205,9 +220,9 @@ void addRadioCommands(CLI::App &app, CommandContext &context)
 
     const auto options = std::make_shared<RadioOptions>();
     CLI::App *enable = radio->add_subcommand("enable", "Let the daemon open the port");
-    enable->callback([&context, options] { changeRadio(context, *options, {{enabledColumn, true}}); });
+    enable->callback([&context, options] { setRadio(context, *options, {{enabledColumn, true}}); });
     CLI::App *disable = radio->add_subcommand("disable", "Keep the daemon from opening the port");
-    disable->callback([&context, options] { changeRadio(context, *options, {{enabledColumn, false}}); });
+    disable->callback([&context, options] { setRadio(context, *options, {{enabledColumn, false}}); });
     CLI::App *remove = radio->add_subcommand("remove", "Forget a radio");
     remove->callback([&context, options] { removeRadio(context, *options); });
     for (CLI::App *command : {enable, disable, remove})

@@ -68,6 +68,7 @@ void addCommands(CLI::App &app, CommandContext &context)
     addOutboxCommands(app, context);
     addInitCommand(app, context);
     addCheckCommand(app, context);
+    addConsoleCommands(app, context);
 }
 
 int run(int argc, char *argv[])

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "tools/quillonctl/ConfigFile.h"
+#include "tools/quillonctl/ServiceUser.h"
+
+#include <QJsonArray>
+
+/// Which outputs are tried: a connection for a test may disturb a server that takes just one.
+enum Probing {
+    Everything,
+    WhatFails, ///< passes over outputs that the daemon has marked as working
+};
+
+/// What would not work when the daemon runs as this user: severity ("warning", "error"), subject, problem,
+/// remedy. Waits up to two seconds for each server that does not answer.
+QJsonArray findingRows(const ConfigFile &file, const ServiceUser &user, Probing probing);

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+/// The console's password: a salted scrypt hash (RFC 7914) in a file of its own beside the configuration,
+/// mode 0600. A line "scrypt$N$r$p$SALT$HASH", the last two in base64.
+class PasswordFile
+{
+public:
+    explicit PasswordFile(const QString &configFile);
+
+    QString path() const { return m_path; }
+    bool exists() const;
+    /// Replaces the file as a whole; one that root writes belongs to whom the configuration belongs to.
+    /// Throws CommandError.
+    void store(const QByteArray &password) const;
+    /// Whether this is the password. Takes a tenth of a second and 16 MiB. False, too, when the file is
+    /// missing, damaged, or readable to others.
+    bool matches(const QByteArray &password) const;
+    /// What keeps the file from being used; empty when nothing does.
+    QString problem() const;
+
+private:
+    const QString m_configFile;
+    const QString m_path;
+};
+
+/// The password, when it has a length that is taken; throws CommandError otherwise.
+QByteArray checkedPassword(const QByteArray &password);
