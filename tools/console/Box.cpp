@@ -1,0 +1,156 @@
+#include "tools/console/Box.h"
+
+namespace {
+
+const int lookMs = 1000;
+/// A change of the file often comes in several steps.
+const int settleMs = 150;
+/// What changes without the file: devices, servers, what waits in an outbox.
+const int checkMs = 30 * 1000;
+
+} // namespace
+
+Box::Box(const QString &configFile, QThreadPool &pool, QObject *parent)
+    : QObject(parent), m_pool(pool), m_file(configFile)
+{
+    connect(&m_stream, &StreamClient::received, this, &Box::receive);
+    connect(&m_stream, &StreamClient::joined, this, &Box::readSoon);
+    connect(&m_stream, &StreamClient::lost, this, &Box::readSoon);
+    m_lookTimer.setInterval(lookMs);
+    connect(&m_lookTimer, &QTimer::timeout, this, &Box::look);
+    m_readTimer.setSingleShot(true);
+    m_readTimer.setInterval(settleMs);
+    connect(&m_readTimer, &QTimer::timeout, this, &Box::readFile);
+    m_checkTimer.setInterval(checkMs);
+    connect(&m_checkTimer, &QTimer::timeout, this, &Box::check);
+}
+
+void Box::start()
+{
+    m_lookTimer.start();
+    readFile();
+}
+
+void Box::setWatched(bool watched)
+{
+    m_watched = watched;
+    if (!watched) {
+        m_checkTimer.stop();
+        return;
+    }
+    m_lookTimer.start();
+    m_checkTimer.start();
+    check();
+    readSoon();
+}
+
+void Box::readSoon()
+{
+    m_readTimer.start();
+    m_lookTimer.start();
+}
+
+void Box::look()
+{
+    if (m_file.stamp() != m_stamp)
+        readFile();
+    else if (!m_watched && m_stream.isJoined())
+        m_lookTimer.stop();
+}
+
+void Box::readFile()
+{
+    if (m_reading) {
+        m_readTimer.start();
+        return;
+    }
+    m_reading = true;
+    const QString stamp = m_file.stamp();
+    m_pool.start([this, stamp] {
+        const FileState::Snapshot snapshot = m_file.read();
+        QMetaObject::invokeMethod(this, [this, stamp, snapshot] {
+            m_reading = false;
+            const bool changed = stamp != m_stamp;
+            m_stamp = stamp;
+            take(snapshot, m_file.findings());
+            if (changed && m_watched)
+                check();
+        });
+    });
+}
+
+void Box::check()
+{
+    if (m_checking)
+        return;
+    m_checking = true;
+    m_pool.start([this] {
+        const FileState::Findings findings = m_file.check();
+        const FileState::Snapshot snapshot = m_file.read();
+        QMetaObject::invokeMethod(this, [this, findings, snapshot] {
+            m_checking = false;
+            take(snapshot, findings);
+        });
+    });
+}
+
+void Box::take(const FileState::Snapshot &file, const FileState::Findings &findings)
+{
+    m_snapshot = file;
+    if (file.error.isEmpty())
+        m_stream.setTarget(file.stream.target, file.stream.port);
+    emit stateChanged(state(file, findings));
+}
+
+void Box::receive(const QByteArray &line, const QJsonObject &record)
+{
+    const QString kind = record.value(QStringLiteral("record")).toString();
+    if (kind == QLatin1String("gateway")) {
+        m_gateway = record;
+    } else if (kind == QLatin1String("radio")) {
+        readSoon();
+    } else {
+        m_history.add(line, record, QDateTime::currentDateTimeUtc());
+        emit recorded();
+    }
+}
+
+QJsonObject Box::state(const FileState::Snapshot &file, const FileState::Findings &findings) const
+{
+    const QJsonObject stream{
+        {QStringLiteral("target"), file.stream.target},
+        {QStringLiteral("joined"), m_stream.isJoined()},
+    };
+    return {
+        {QStringLiteral("configfile"), m_file.configFile()},
+        {QStringLiteral("gateway"), m_gateway},
+        {QStringLiteral("stream"), stream},
+        {QStringLiteral("radios"), file.radios},
+        {QStringLiteral("outputs"), file.outputs},
+        {QStringLiteral("pending"), file.pending},
+        {QStringLiteral("findings"), allFindings(file, findings)},
+        {QStringLiteral("checked"), findings.checked.toString(Qt::ISODateWithMs)},
+        {QStringLiteral("activity"), m_history.activity(QDateTime::currentDateTimeUtc())},
+        {QStringLiteral("sequence"), m_history.last()},
+    };
+}
+
+/// The console's own findings come first: without them the others say little.
+QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Findings &findings) const
+{
+    QJsonArray result;
+    if (!file.error.isEmpty())
+        result.append(errorFinding(QStringLiteral("configuration"), file.error,
+            QStringLiteral("start the daemon once, or name the right file with --configfile")));
+    else if (file.stream.target.isEmpty())
+        result.append(errorFinding(QStringLiteral("console"),
+            QStringLiteral("no STREAM output is switched on, so nothing can be shown of what is heard"),
+            QStringLiteral("quillonctl forwarder add stream, then quillonctl restart")));
+    else if (!m_stream.isJoined())
+        result.append(errorFinding(QStringLiteral("daemon"),
+            QStringLiteral("it does not run, or does not offer its stream at %1").arg(file.stream.target),
+            QStringLiteral("systemctl restart quillon, then journalctl -u quillon")));
+    for (const auto &finding : findings.rows)
+        result.append(finding);
+    return result;
+}

@@ -1,0 +1,231 @@
+#include "tools/console/Console.h"
+
+#include "tools/console/Assets.h"
+#include "tools/console/Changes.h"
+#include "tools/quillonctl/CommandError.h"
+
+#include <QJsonDocument>
+#include <QPointer>
+#include <QTcpSocket>
+
+namespace {
+
+const int threads = 3;
+const int maximumHashing = 2; ///< each takes 16 MiB meanwhile
+
+QString loginPath()
+{
+    return QStringLiteral("/api/login");
+}
+
+Reply noSession()
+{
+    return Reply::error(401, QStringLiteral("log in first"));
+}
+
+Reply wrongMethod(const QByteArray &allowed)
+{
+    Reply reply =
+        Reply::error(405, QStringLiteral("this address takes %1 only").arg(QString::fromLatin1(allowed)));
+    reply.headers.append({"Allow", allowed});
+    return reply;
+}
+
+Reply tryLater(int status, int seconds, const QString &message)
+{
+    Reply reply =
+        Reply::json({{QStringLiteral("error"), message}, {QStringLiteral("retryAfter"), seconds}}, status);
+    reply.headers.append({"Retry-After", QByteArray::number(seconds)});
+    return reply;
+}
+
+QByteArray compact(const QJsonObject &object)
+{
+    return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
+
+Console::Console(const QString &configFile, Access::Settings settings, QObject *parent)
+    : QObject(parent), m_access(configFile, settings), m_box(configFile, m_pool),
+      m_hub(m_box.history(), [this](const QByteArray &session) { return m_access.mayLook(session); })
+{
+    m_pool.setMaxThreadCount(threads);
+    connect(&m_box, &Box::recorded, &m_hub, &EventHub::scheduleFlush);
+    connect(&m_box, &Box::stateChanged, this,
+        [this](const QJsonObject &state) { m_hub.sendState(compact(state)); });
+    connect(&m_hub, &EventHub::watchedChanged, &m_box, &Box::setWatched);
+}
+
+Console::~Console()
+{
+    m_pool.waitForDone();
+}
+
+void Console::handle(Connection *connection, const Request &request)
+{
+    if (m_access.followPassword())
+        m_hub.dropEnded();
+    const Reply refusal = m_access.refusal(request);
+    if (refusal.status != 0)
+        connection->answer(refusal);
+    else if (request.path.startsWith(QLatin1String("/api/")))
+        handleApi(connection, request);
+    else if (request.method != "GET" && request.method != "HEAD")
+        connection->answer(wrongMethod("GET, HEAD"));
+    else
+        connection->answer(Assets::answer(request.path, request.headers.value("if-none-match")));
+}
+
+void Console::handleApi(Connection *connection, const Request &request)
+{
+    const bool isState = request.path == QLatin1String("/api/state");
+    const bool isEvents = request.path == QLatin1String("/api/events");
+    const QByteArray wanted = isState || isEvents ? "GET" : "POST";
+    if (request.method != wanted)
+        connection->answer(wrongMethod(wanted));
+    else if (request.path == loginPath())
+        logIn(connection, request);
+    else if (!m_access.mayLook(Access::sessionId(request)))
+        connection->answer(noSession());
+    else if (isState)
+        sendState(connection, request);
+    else if (isEvents)
+        sendEvents(connection, request);
+    else if (!m_access.mayChange(request))
+        connection->answer(Reply::error(401,
+            m_access.hasPassword()
+                ? QStringLiteral("the header X-Session-Token does not hold the session's token")
+                : QStringLiteral("nobody may change anything before a password is set: "
+                                 "quillonctl console password")));
+    else if (request.path == QLatin1String("/api/logout"))
+        connection->answer(logOut(request));
+    else
+        change(connection, request);
+}
+
+QJsonObject Console::session(const Request &request) const
+{
+    const QByteArray token = m_access.token(Access::sessionId(request));
+    QJsonObject result{
+        {QStringLiteral("passwordSet"), m_access.hasPassword()}, {QStringLiteral("open"), !token.isEmpty()}};
+    if (!token.isEmpty())
+        result.insert(QStringLiteral("token"), QString::fromLatin1(token));
+    return result;
+}
+
+void Console::sendState(Connection *connection, const Request &request)
+{
+    const QPointer<Connection> waiting(connection);
+    const QJsonObject sessionRow = session(request);
+    m_pool.start([this, waiting, sessionRow] {
+        FileState &file = m_box.file();
+        const FileState::Snapshot snapshot = file.read();
+        const FileState::Findings known = file.findings();
+        const FileState::Findings findings = known.checked.isValid() ? known : file.check();
+        QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot, findings] {
+            QJsonObject state = m_box.state(snapshot, findings);
+            state.insert(QStringLiteral("session"), sessionRow);
+            if (waiting)
+                waiting->answer(Reply::json(state));
+        });
+    });
+}
+
+void Console::sendEvents(Connection *connection, const Request &request)
+{
+    if (m_hub.isFull()) {
+        connection->answer(
+            tryLater(503, 10, QStringLiteral("%1 clients listen already").arg(EventHub::maximumClients)));
+        return;
+    }
+    QByteArray lastEventId = request.headers.value("last-event-id");
+    if (lastEventId.isEmpty())
+        lastEventId = request.query.queryItemValue(QStringLiteral("after")).toLatin1();
+    QTcpSocket *socket = connection->release();
+    socket->write(Reply{200, "text/event-stream", {}, {}}.streamHead());
+    m_hub.add(socket, lastEventId, Access::sessionId(request));
+    connection->deleteLater();
+}
+
+void Console::logIn(Connection *connection, const Request &request)
+{
+    const QJsonValue password =
+        QJsonDocument::fromJson(request.body).object().value(QStringLiteral("password"));
+    if (!password.isString() || !m_access.hasPassword()) {
+        connection->answer(Reply::error(400,
+            password.isString()
+                ? QStringLiteral("no password is set: quillonctl console password")
+                : QStringLiteral("the body has to be a JSON object with a member \"password\"")));
+        return;
+    }
+    const QHostAddress source = m_access.source(request);
+    if (m_hashing >= maximumHashing) {
+        connection->answer(tryLater(503, 1, QStringLiteral("others are logging in; try again")));
+        return;
+    }
+    const int waitMs = m_access.guard().begin(source);
+    if (waitMs > 0) {
+        connection->answer(
+            tryLater(429, waitMs / 1000 + 1, QStringLiteral("too many wrong passwords: wait")));
+        return;
+    }
+    ++m_hashing;
+    const QPointer<Connection> waiting(connection);
+    m_pool.start([this, waiting, request, given = password.toString().toUtf8()] {
+        const bool matched = m_access.passwordFile().matches(given);
+        QMetaObject::invokeMethod(this, [this, waiting, request, matched] {
+            --m_hashing;
+            handleLogin(waiting, request, matched);
+        });
+    });
+}
+
+void Console::handleLogin(Connection *connection, const Request &request, bool matched)
+{
+    if (matched)
+        m_access.guard().succeeded(m_access.source(request));
+    if (!connection)
+        return;
+    if (!matched) {
+        connection->answer(Reply::error(401, QStringLiteral("the password is wrong")));
+        return;
+    }
+    QByteArray token;
+    const QByteArray cookie = m_access.openSession(request, token);
+    Reply reply = Reply::json({{QStringLiteral("token"), QString::fromLatin1(token)}});
+    reply.headers.append({"Set-Cookie", cookie});
+    connection->answer(reply);
+}
+
+Reply Console::logOut(const Request &request)
+{
+    Reply reply = Reply::json({{QStringLiteral("loggedOut"), true}});
+    reply.headers.append({"Set-Cookie", m_access.closeSession(request)});
+    m_hub.dropEnded();
+    return reply;
+}
+
+void Console::change(Connection *connection, const Request &request)
+{
+    QJsonParseError error = {};
+    const QJsonDocument document = QJsonDocument::fromJson(request.body, &error);
+    if (!document.isObject() && !request.body.isEmpty()) {
+        connection->answer(Reply::error(400, QStringLiteral("the body has to be a JSON object")));
+        return;
+    }
+    const QPointer<Connection> waiting(connection);
+    m_pool.start([this, waiting, path = request.path, body = document.object()] {
+        Reply reply;
+        try {
+            reply = carryOut(path, body, m_box.file().configFile());
+        } catch (const CommandError &failure) {
+            reply = Reply::error(422, failure.message());
+        }
+        QMetaObject::invokeMethod(this, [this, waiting, reply] {
+            m_box.readSoon();
+            if (waiting)
+                waiting->answer(reply);
+        });
+    });
+}

@@ -1,0 +1,87 @@
+#include "tools/console/FileState.h"
+
+#include "tools/quillonctl/CommandError.h"
+#include "tools/quillonctl/Findings.h"
+#include "tools/quillonctl/Listing.h"
+
+#include <QFile>
+#include <QSqlRecord>
+
+#include <sys/stat.h>
+
+namespace {
+
+const int lockPatienceMs = 5000;
+
+FileState::Stream streamOf(const ConfigFile &file)
+{
+    for (const QSqlRecord &output : file.rows(QStringLiteral("data_forwarder"))) {
+        const QString kind = output.value(QStringLiteral("type")).toString().toUpper();
+        if (kind == QLatin1String("STREAM") && output.value(QStringLiteral("enabled")).toBool())
+            return {output.value(QStringLiteral("target")).toString(),
+                output.value(QStringLiteral("port")).toInt()};
+    }
+    return {};
+}
+
+} // namespace
+
+FileState::Snapshot FileState::read() const
+{
+    try {
+        const ConfigFile file(m_configFile, ConfigFile::ReadOnly, lockPatienceMs);
+        return {radioRows(file), outputRows(file), pendingRows(file), streamOf(file), {}};
+    } catch (const CommandError &error) {
+        return {{}, {}, {}, {}, error.message()};
+    }
+}
+
+FileState::Findings FileState::findings() const
+{
+    const QMutexLocker lock(&m_mutex);
+    return m_findings;
+}
+
+FileState::Findings FileState::check()
+{
+    if (!m_checking.tryLock()) {
+        const QMutexLocker wait(&m_checking);
+        return findings();
+    }
+    Findings result;
+    try {
+        const ConfigFile file(m_configFile, ConfigFile::ReadOnly, lockPatienceMs);
+        result.rows = findingRows(file, ServiceUser::find(), WhatFails);
+    } catch (const CommandError &) {
+        // read() tells that the file cannot be read
+    }
+    result.checked = QDateTime::currentDateTimeUtc();
+    {
+        const QMutexLocker lock(&m_mutex);
+        m_findings = result;
+    }
+    m_checking.unlock();
+    return result;
+}
+
+QString FileState::stamp() const
+{
+    struct stat status = {};
+    if (stat(QFile::encodeName(m_configFile).constData(), &status) != 0)
+        return {};
+    return QStringLiteral("%1 %2 %3.%4")
+        .arg(status.st_ino)
+        .arg(status.st_size)
+        .arg(status.st_mtim.tv_sec)
+        .arg(status.st_mtim.tv_nsec);
+}
+
+QJsonObject errorFinding(const QString &subject, const QString &problem, const QString &remedy)
+{
+    return {
+        {QStringLiteral("severity"), QStringLiteral("error")},
+        {QStringLiteral("subject"), subject},
+        {QStringLiteral("problem"), problem},
+        {QStringLiteral("remedy"), remedy},
+    };
+}

@@ -1,0 +1,59 @@
+#include "tools/console/Sessions.h"
+
+#include <openssl/crypto.h>
+#include <openssl/rand.h>
+
+#include <algorithm>
+
+namespace {
+
+const int maximumSessions = 64;
+const int idBytes = 16;
+
+QByteArray randomId()
+{
+    QByteArray id(idBytes, '\0');
+    if (RAND_bytes(reinterpret_cast<unsigned char *>(id.data()), id.size()) != 1)
+        qFatal("OpenSSL has no random bytes");
+    return id.toHex();
+}
+
+} // namespace
+
+Sessions::Session Sessions::open()
+{
+    makeRoom();
+    const Session session{randomId(), randomId()};
+    m_entries.insert(session.id, {session.token, m_clock.elapsed()});
+    return session;
+}
+
+bool Sessions::isOpen(const QByteArray &id) const
+{
+    const auto entry = m_entries.constFind(id);
+    return entry != m_entries.constEnd() && m_clock.elapsed() - entry->opened < lifetimeSeconds * 1000LL;
+}
+
+QByteArray Sessions::token(const QByteArray &id) const
+{
+    return isOpen(id) ? m_entries.value(id).token : QByteArray();
+}
+
+void Sessions::makeRoom()
+{
+    for (auto entry = m_entries.begin(); entry != m_entries.end();) {
+        if (isOpen(entry.key()))
+            ++entry;
+        else
+            entry = m_entries.erase(entry);
+    }
+    if (m_entries.size() < maximumSessions)
+        return;
+    m_entries.erase(std::min_element(m_entries.begin(), m_entries.end(),
+        [](const Entry &a, const Entry &b) { return a.opened < b.opened; }));
+}
+
+bool sameSecret(const QByteArray &a, const QByteArray &b)
+{
+    return a.size() == b.size() && CRYPTO_memcmp(a.constData(), b.constData(), size_t(a.size())) == 0;
+}

@@ -1,0 +1,37 @@
+// Where the frames go: each output's state, and how much waits at those that keep what was not accepted.
+
+import { byId, make, visible } from "./dom.js";
+import { ago, phrase, text } from "./texts.js";
+
+function levelOf(output, running) {
+  if (!output.enabled || !running) return "idle";
+  return { 0: "warning", 3: "good", 4: "error" }[output.status] ?? "warning";
+}
+
+/** What waits at a durable output, in a sentence; empty for any other. */
+function waiting(output) {
+  if (output.waiting === undefined) return "";
+  const parts = [output.waiting === 0 ? text("nothingWaits") : text("waits", { count: output.waiting })];
+  if (output.waiting > 0 && output.oldestSeconds !== undefined) parts.push(text("oldest", { ago: ago(output.oldestSeconds) }));
+  if (output.dropped) parts.push(text("dropped", { count: output.dropped }));
+  if (output.refused) parts.push(text("refused", { count: output.refused }));
+  return parts.join(text("listComma"));
+}
+
+function row(output, running) {
+  const facts = [output.target, output.topic, output.comment].filter(Boolean).map(visible);
+  const queue = waiting(output);
+  const unknown = output.enabled && !running;
+  return make("li", {},
+    make("div", { className: "grow" }, make("strong", { textContent: visible(output.kind) }),
+      make("p", { className: "quiet", textContent: facts.join(" · ") }),
+      queue ? make("p", { textContent: queue }) : null),
+    make("span", { className: "state", dataset: { level: levelOf(output, running) }, textContent: unknown ? text("unknown") : phrase(output.state) }));
+}
+
+export function showOutputs(state) {
+  const running = state.stream.joined || state.stream.target === "";
+  const rows = state.outputs.map(output => row(output, running));
+  if (rows.length === 0) rows.push(make("li", { className: "quiet", textContent: text("noOutput") }));
+  byId("outputs").replaceChildren(...rows);
+}
