@@ -56,6 +56,8 @@ public:
         QSslConfiguration::setDefaultConfiguration(tls);
     }
 
+    /// The path of "cert.pem" or "key.pem".
+    QString file(const QString &name) const { return m_folder.filePath(name); }
     /// Makes a socket the server's end of a TLS connection.
     void encrypt(QSslSocket *socket, QSsl::SslProtocol protocol) const
     {

@@ -46,6 +46,8 @@ Reply carryOut(const QString &path, const QJsonObject &body, const QString &conf
         return say(open(), body);
     if (path == QLatin1String("/api/restart"))
         return Reply::json({{QStringLiteral("queued"), queueRestart(open())}});
+    if (path == QLatin1String("/api/stream"))
+        return Reply::json({{QStringLiteral("added"), addStream(open())}});
     if (path.startsWith(radioPath))
         return changeOne(open(), checkedId(path.mid(radioPath.size()).toStdString()), body);
     return Reply::error(404, QStringLiteral("there is nothing at this address"));

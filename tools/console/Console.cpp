@@ -146,6 +146,7 @@ void Console::sendEvents(Connection *connection, const Request &request)
     socket->write(Reply{200, "text/event-stream", {}, {}}.streamHead());
     m_hub.add(socket, lastEventId, Access::sessionId(request));
     connection->deleteLater();
+    m_box.readSoon(); // so that it gets a state that is no older than the records
 }
 
 void Console::logIn(Connection *connection, const Request &request)

@@ -57,8 +57,8 @@ void EventHub::add(QTcpSocket *socket, const QByteArray &lastEventId, const QByt
     connect(socket, &QTcpSocket::disconnected, this, [this, socket] { remove(socket); });
     socket->write(known ? "retry: 2000\n\n" : "retry: 2000\nevent: reset\ndata: {}\n\n");
 
-    m_clients.push_back(std::make_unique<Client>(
-        Client{socket, session, known ? seen + 1 : m_history.first(), !m_state.isEmpty()}));
+    m_clients.push_back(
+        std::make_unique<Client>(Client{socket, session, known ? seen + 1 : m_history.first(), false}));
     write(*m_clients.back());
     if (m_clients.size() > 1)
         return;

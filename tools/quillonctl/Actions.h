@@ -17,3 +17,6 @@ bool queueRestart(const ConfigFile &file);
 void changeRadio(const ConfigFile &file, int id, const QVariantMap &columns);
 void renameRadio(const ConfigFile &file, int id, const std::string &name);
 void enableRadio(const ConfigFile &file, int id, bool enabled);
+
+/// Switches the first STREAM output on, or adds one at the usual place; returns its id.
+int addStream(const ConfigFile &file);

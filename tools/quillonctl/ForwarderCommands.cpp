@@ -1,3 +1,4 @@
+#include "tools/quillonctl/Actions.h"
 #include "tools/quillonctl/Commands.h"
 
 #include "config/ConfigKeys.h"
@@ -147,21 +148,27 @@ QVariantMap columnsOf(const OutputKind &kind, const OutputOptions &options)
     return columns;
 }
 
-void addOutput(const CommandContext &context, const OutputKind &kind, const OutputOptions &options)
+/// Adds a row, with what the columns leave open empty; returns its id.
+int insertOutput(const ConfigFile &file, const QString &type, const QVariantMap &given, bool enabled)
 {
-    QVariantMap columns{{QStringLiteral("type"), kind.type}, {enabledColumn, !options.disabled},
-        {QStringLiteral("status"), 0}};
+    QVariantMap columns{
+        {QStringLiteral("type"), type}, {enabledColumn, enabled}, {QStringLiteral("status"), 0}};
     for (const char *column : {"target", "port", "secret", "context", "comment"})
         columns[QLatin1String(column)] = QStringLiteral("");
-    const QVariantMap given = columnsOf(kind, options);
     for (auto column = given.begin(); column != given.end(); ++column)
         columns[column.key()] = column.value();
-    const ConfigFile file = context.open(ConfigFile::ReadWrite);
     if (migrationRemovesOutputs(systemValue(file, BDD_RELEASE_KEY)))
         throw CommandError(
             QStringLiteral("the file is of an older release, and the daemon would remove the output "
                            "when it starts: start it once, then add outputs"));
-    const int id = file.insert(table, columns);
+    return file.insert(table, columns);
+}
+
+void addOutput(const CommandContext &context, const OutputKind &kind, const OutputOptions &options)
+{
+    const QVariantMap columns = columnsOf(kind, options);
+    const ConfigFile file = context.open(ConfigFile::ReadWrite);
+    const int id = insertOutput(file, kind.type, columns, !options.disabled);
     printLine(QStringLiteral("Output %1 added: %2.").arg(QString::number(id), kind.type));
     if (kind.type == QLatin1String("PUBSUB") && QFile::exists(outboxPath(file.path(), id)))
         printLine(QStringLiteral("It goes on with the outbox of a removed output: quillonctl outbox show %1")
@@ -259,6 +266,19 @@ void addListCommand(CLI::App *forwarder, CommandContext &context)
 }
 
 } // namespace
+
+int addStream(const ConfigFile &file)
+{
+    const QString type = QStringLiteral("STREAM");
+    for (const QSqlRecord &output : file.rows(table)) {
+        if (output.value(QStringLiteral("type")).toString().toUpper() != type)
+            continue;
+        const int id = output.value(QStringLiteral("ids")).toInt();
+        file.update(table, {{enabledColumn, true}}, QStringLiteral("ids"), id);
+        return id;
+    }
+    return insertOutput(file, type, {{targetColumn, QStringLiteral("/run/quillon/stream")}}, true);
+}
 
 void addForwarderCommands(CLI::App &app, CommandContext &context)
 {

@@ -8,13 +8,14 @@ function levelOf(output, running) {
   return { 0: "warning", 3: "good", 4: "error" }[output.status] ?? "warning";
 }
 
-/** What waits at a durable output, in a sentence; empty for any other. */
-function waiting(output) {
-  if (output.waiting === undefined) return "";
-  const parts = [output.waiting === 0 ? text("nothingWaits") : text("waits", { count: output.waiting })];
-  if (output.waiting > 0 && output.oldestSeconds !== undefined) parts.push(text("oldest", { ago: ago(output.oldestSeconds) }));
-  if (output.dropped) parts.push(text("dropped", { count: output.dropped }));
-  if (output.refused) parts.push(text("refused", { count: output.refused }));
+/** What waits at an output with an outbox, in a sentence; empty for any other. */
+function waiting({ outbox }) {
+  if (!outbox) return "";
+  if (outbox.problem) return phrase(outbox.problem);
+  const parts = [outbox.waiting ? text("waits", { count: outbox.waiting }) : text("nothingWaits")];
+  if (outbox.waiting && outbox.oldest !== undefined) parts.push(text("oldest", { ago: ago(outbox.oldest) }));
+  if (outbox.dropped) parts.push(text("dropped", { count: outbox.dropped }));
+  if (outbox.refused) parts.push(text("refused", { count: outbox.refused }));
   return parts.join(text("listComma"));
 }
 

@@ -48,7 +48,7 @@ async function addChart(card) {
       animation: false, maintainAspectRatio: false, events: [],
       plugins: { legend: { display: false }, tooltip: { enabled: false } },
       scales: {
-        x: { grid: { display: false }, ticks: { maxRotation: 0, autoSkip: false, font: { size: 10 }, callback: (_, i) => (i === 0 || i === 30 || i === 59 ? text("minute", { minute: i - minutes + 1 }) : "") } },
+        x: { grid: { display: false }, ticks: { maxRotation: 0, autoSkip: false, font: { size: 10 }, callback: (_, i) => ({ 0: text("minute", { minute: 60 }), 30: text("minute", { minute: 30 }), 59: text("now") })[i] ?? "" } },
         y: { beginAtZero: true, suggestedMax: 4, grid: {}, ticks: { maxTicksLimit: 3, precision: 0, font: { size: 10 } } },
       },
     },

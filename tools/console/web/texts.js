@@ -35,8 +35,8 @@ export function phrase(sentence) {
   return sentence;
 }
 
-const clock = new Intl.DateTimeFormat(language, { hour: "2-digit", minute: "2-digit", second: "2-digit" });
-const dayAndClock = new Intl.DateTimeFormat(language, { dateStyle: "short", timeStyle: "medium" });
+const clock = new Intl.DateTimeFormat(language, { hour: "2-digit", minute: "2-digit", second: "2-digit", hourCycle: "h23" });
+const dayAndClock = new Intl.DateTimeFormat(language, { dateStyle: "short", timeStyle: "medium", hourCycle: "h23" });
 const relative = new Intl.RelativeTimeFormat(language, { numeric: "auto" });
 
 export function timeOfDay(iso) {

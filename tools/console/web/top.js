@@ -8,7 +8,8 @@ const rank = { error: 2, warning: 1 };
 
 function sentence(finding) {
   const problem = phrase(finding.problem);
-  return `${phrase(finding.subject)}${text("colon")}${problem}.`;
+  const whole = `${phrase(finding.subject)}${text("colon")}${problem}.`;
+  return whole.charAt(0).toLocaleUpperCase() + whole.slice(1);
 }
 
 function remedy(finding) {
