@@ -98,7 +98,7 @@ void Box::take(const FileState::Snapshot &file, const FileState::Findings &findi
 {
     m_snapshot = file;
     if (file.error.isEmpty())
-        m_stream.setTarget(file.stream.target, file.stream.port);
+        m_stream.setTarget(file.stream.value_or(StreamTarget()));
     emit stateChanged(state(file, findings));
 }
 
@@ -118,7 +118,7 @@ void Box::receive(const QByteArray &line, const QJsonObject &record)
 QJsonObject Box::state(const FileState::Snapshot &file, const FileState::Findings &findings) const
 {
     const QJsonObject stream{
-        {QStringLiteral("target"), file.stream.target},
+        {QStringLiteral("target"), file.stream ? file.stream->text() : QString()},
         {QStringLiteral("joined"), m_stream.isJoined()},
     };
     return {
@@ -142,13 +142,13 @@ QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Fi
     if (!file.error.isEmpty())
         result.append(errorFinding(QStringLiteral("configuration"), file.error,
             QStringLiteral("start the daemon once, or name the right file with --configfile")));
-    else if (file.stream.target.isEmpty())
+    else if (!file.stream)
         result.append(errorFinding(QStringLiteral("console"),
             QStringLiteral("no STREAM output is switched on, so nothing can be shown of what is heard"),
             QStringLiteral("quillonctl forwarder add stream, then quillonctl restart")));
     else if (!m_stream.isJoined())
         result.append(errorFinding(QStringLiteral("daemon"),
-            QStringLiteral("it does not run, or does not offer its stream at %1").arg(file.stream.target),
+            QStringLiteral("it does not run, or does not offer its stream at %1").arg(file.stream->text()),
             QStringLiteral("systemctl restart quillon, then journalctl -u quillon")));
     for (const auto &finding : findings.rows)
         result.append(finding);

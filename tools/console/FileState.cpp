@@ -5,7 +5,6 @@
 #include "tools/quillonctl/Listing.h"
 
 #include <QFile>
-#include <QSqlRecord>
 
 #include <sys/stat.h>
 
@@ -13,15 +12,13 @@ namespace {
 
 const int lockPatienceMs = 5000;
 
-FileState::Stream streamOf(const ConfigFile &file)
+std::optional<StreamTarget> streamOf(const ConfigFile &file)
 {
-    for (const QSqlRecord &output : file.rows(QStringLiteral("data_forwarder"))) {
-        const QString kind = output.value(QStringLiteral("type")).toString().toUpper();
-        if (kind == QLatin1String("STREAM") && output.value(QStringLiteral("enabled")).toBool())
-            return {output.value(QStringLiteral("target")).toString(),
-                output.value(QStringLiteral("port")).toInt()};
+    try {
+        return StreamTarget::configured(file);
+    } catch (const CommandError &) {
+        return std::nullopt;
     }
-    return {};
 }
 
 } // namespace

@@ -1,27 +1,25 @@
 #pragma once
 
+#include "tools/quillonctl/StreamTarget.h"
+
 #include <QDateTime>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QMutex>
+
+#include <optional>
 
 /// What the configuration file says, read as quillonctl reads it. Its functions may be called from any thread
 /// and may take as long as another program keeps the file locked.
 class FileState
 {
 public:
-    /// Where the daemon's STREAM output is; an empty target when no output of this kind is switched on.
-    struct Stream
-    {
-        QString target;
-        int port = 0;
-    };
     struct Snapshot
     {
         QJsonArray radios;
         QJsonArray outputs;
         QJsonArray pending;
-        Stream stream;
+        std::optional<StreamTarget> stream; ///< where the STREAM output is that is switched on
         QString error; ///< why the file could not be read; empty when it was
     };
     struct Findings

@@ -25,12 +25,11 @@ StreamClient::~StreamClient()
         m_socket->disconnect(this);
 }
 
-void StreamClient::setTarget(const QString &target, int port)
+void StreamClient::setTarget(const StreamTarget &target)
 {
-    if (target == m_target && port == m_port)
+    if (target.text() == m_target.text())
         return;
     m_target = target;
-    m_port = port;
     leave();
     m_retry.stop();
     join();
@@ -38,17 +37,17 @@ void StreamClient::setTarget(const QString &target, int port)
 
 void StreamClient::join()
 {
-    if (m_target.isEmpty())
+    if (m_target.path.isEmpty() && m_target.server.host.isEmpty())
         return;
     m_retry.start(); // goes on unless it is joined by then
-    if (m_target.startsWith(QLatin1Char('/'))) {
+    if (!m_target.path.isEmpty()) {
         auto socket = std::make_unique<QLocalSocket>();
         connect(socket.get(), &QLocalSocket::connected, this, &StreamClient::handleJoined);
         connect(socket.get(), &QLocalSocket::disconnected, this, &StreamClient::leave);
         connect(socket.get(), &QLocalSocket::readyRead, this, &StreamClient::read);
         QLocalSocket *local = socket.get();
         m_socket = std::move(socket);
-        local->connectToServer(m_target, QIODevice::ReadOnly);
+        local->connectToServer(m_target.path, QIODevice::ReadOnly);
     } else {
         auto socket = std::make_unique<QTcpSocket>();
         connect(socket.get(), &QTcpSocket::connected, this, &StreamClient::handleJoined);
@@ -56,7 +55,7 @@ void StreamClient::join()
         connect(socket.get(), &QTcpSocket::readyRead, this, &StreamClient::read);
         QTcpSocket *tcp = socket.get();
         m_socket = std::move(socket);
-        tcp->connectToHost(m_target, quint16(m_port));
+        tcp->connectToHost(m_target.server.host, quint16(m_target.server.port));
     }
 }
 

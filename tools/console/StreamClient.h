@@ -1,5 +1,7 @@
 #pragma once
 
+#include "tools/quillonctl/StreamTarget.h"
+
 #include <QByteArray>
 #include <QJsonObject>
 #include <QObject>
@@ -18,8 +20,8 @@ public:
     explicit StreamClient(QObject *parent = nullptr);
     ~StreamClient() override;
 
-    /// Where the stream is: an absolute path of a Unix socket, or an address and a port; empty for nowhere.
-    void setTarget(const QString &target, int port);
+    /// Where the stream is; an empty one stands for nowhere.
+    void setTarget(const StreamTarget &target);
     bool isJoined() const { return m_joined; }
 
 signals:
@@ -34,8 +36,7 @@ private:
     void leave();
     void read();
 
-    QString m_target;
-    int m_port = 0;
+    StreamTarget m_target;
     std::unique_ptr<QIODevice> m_socket;
     QByteArray m_buffer;
     QTimer m_retry;

@@ -277,7 +277,7 @@ int addStream(const ConfigFile &file)
         file.update(table, {{enabledColumn, true}}, QStringLiteral("ids"), id);
         return id;
     }
-    return insertOutput(file, type, {{targetColumn, QStringLiteral("/run/quillon/stream")}}, true);
+    return insertOutput(file, type, StreamTarget{StreamTarget::defaultPath, {}}.columns(), true);
 }
 
 void addForwarderCommands(CLI::App &app, CommandContext &context)
