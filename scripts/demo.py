@@ -192,6 +192,14 @@ def main():
             programs.end()
 
 
+def start_console(programs, tools, database):
+    """Starts the console on any free port; yields the page's address."""
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        port = probe.getsockname()[1]
+    programs.start([tools / "quillon-console", "--configfile", database, "--listen", f"127.0.0.1:{port}"])
+    return f"http://127.0.0.1:{port}/"
+
+
 def run(seconds, folder, programs, tools):
     database, log_file, stream = folder / "quillon.sqlite", folder / "frames.log", folder / "stream"
     control = [str(tools / "quillonctl"), "--configfile", str(database)]
@@ -214,6 +222,9 @@ def run(seconds, folder, programs, tools):
     watcher = Watcher(programs, control)
     programs.start([tools / "quillon", "--configfile", database])
     say("demo", f"the daemon starts; its first scan comes after {FIRST_SCAN:.0f} s")
+
+    page = start_console(programs, tools, database)
+    say("demo", f"the console shows all of it at {page}")
 
     begin, said = time.monotonic(), False
     while seconds is None or time.monotonic() - begin < seconds:

@@ -5,7 +5,7 @@ _quillonctl_words()
 {
     local everywhere="--configfile --wait --help"
     case "$1" in
-        "") echo "status watch radio port forwarder config say restart reboot pending outbox init check --version $everywhere" ;;
+        "") echo "status watch radio port forwarder config say restart reboot pending outbox init check console --version $everywhere" ;;
         status) echo "--watch --json $everywhere" ;;
         watch) echo "--json --radio --kind --count --socket $everywhere" ;;
         radio) echo "list add set enable disable remove $everywhere" ;;
@@ -28,6 +28,7 @@ _quillonctl_words()
         "outbox drop") echo "--yes $everywhere" ;;
         *" list") echo "--json $everywhere" ;;
         reboot) echo "--yes $everywhere" ;;
+        console) echo "password $everywhere" ;;
         check) echo "--user --json $everywhere" ;;
         *) echo "$everywhere" ;;
     esac
