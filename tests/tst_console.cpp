@@ -280,8 +280,13 @@ void TestConsole::slowClientsCostNobodyElse()
 
 void TestConsole::stateHasWhatQuillonctlShows()
 {
+    QTcpServer taken; // a server that takes just one connection must not lose it to the console
+    QVERIFY(taken.listen(QHostAddress::LocalHost));
+    m_file->addForwarder("RAW"_s, "127.0.0.1"_s, taken.serverPort());
+    m_file->run("UPDATE data_forwarder SET status = 3"_s);
     start();
     const QJsonObject state = bodyOf(ask(get("/api/state")));
+    QVERIFY(!taken.waitForNewConnection(200));
     const QJsonObject status = QJsonDocument::fromJson(control({"status"_s, "--json"_s})).object();
     for (const QString &member : {"radios"_s, "outputs"_s, "pending"_s})
         QCOMPARE(state.value(member), status.value(member));

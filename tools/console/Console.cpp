@@ -11,6 +11,7 @@
 namespace {
 
 const int threads = 3;
+const int findingsAgeSeconds = 60;
 const int maximumHashing = 2; ///< each takes 16 MiB meanwhile
 
 QString loginPath()
@@ -122,7 +123,9 @@ void Console::sendState(Connection *connection, const Request &request)
         FileState &file = m_box.file();
         const FileState::Snapshot snapshot = file.read();
         const FileState::Findings known = file.findings();
-        const FileState::Findings findings = known.checked.isValid() ? known : file.check();
+        const bool fresh = known.checked.isValid()
+            && known.checked.secsTo(QDateTime::currentDateTimeUtc()) < findingsAgeSeconds;
+        const FileState::Findings findings = fresh ? known : file.check();
         QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot, findings] {
             QJsonObject state = m_box.state(snapshot, findings);
             state.insert(QStringLiteral("session"), sessionRow);

@@ -64,6 +64,7 @@ private:
     const ConfigFile &m_file;
     const ServiceUser m_user;
     const Probing m_probing;
+    bool m_triesServer = true;
     QJsonArray m_findings;
 };
 
@@ -76,7 +77,8 @@ void Check::run()
     checkRadios();
     for (const QSqlRecord &output : m_file.rows(QStringLiteral("data_forwarder"))) {
         const bool works = output.value(QStringLiteral("status")).toInt() == DataForwarderConfig::Working;
-        if (output.value(QStringLiteral("enabled")).toBool() && !(works && m_probing == WhatFails))
+        m_triesServer = m_probing == Everything || !works;
+        if (output.value(QStringLiteral("enabled")).toBool())
             checkOutput(output);
     }
 }
@@ -280,6 +282,8 @@ void Check::checkStream(const QString &subject, const StreamTarget &target, cons
 
 void Check::checkServer(const QString &subject, const QString &host, int port, const QString &remedy)
 {
+    if (!m_triesServer)
+        return;
     QTcpSocket socket;
     if (port > 0 && port <= 65535 && hostProblem(host).isEmpty()) {
         socket.connectToHost(host, quint16(port));

@@ -5,10 +5,10 @@
 
 #include <QJsonArray>
 
-/// Which outputs are tried: a connection for a test may disturb a server that takes just one.
+/// Which outputs' servers are tried: a connection for a test may disturb one that takes just one.
 enum Probing {
     Everything,
-    WhatFails, ///< passes over outputs that the daemon has marked as working
+    WhatFails, ///< not those of outputs that the daemon has marked as working
 };
 
 /// What would not work when the daemon runs as this user: severity ("warning", "error"), subject, problem,
