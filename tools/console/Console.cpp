@@ -14,11 +14,6 @@ const int threads = 3;
 const int findingsAgeSeconds = 60;
 const int maximumHashing = 2; ///< each takes 16 MiB meanwhile
 
-QString loginPath()
-{
-    return QStringLiteral("/api/login");
-}
-
 Reply noSession()
 {
     return Reply::error(401, QStringLiteral("log in first"));
@@ -85,7 +80,7 @@ void Console::handleApi(Connection *connection, const Request &request)
     const QByteArray wanted = isState || isEvents ? "GET" : "POST";
     if (request.method != wanted)
         connection->answer(wrongMethod(wanted));
-    else if (request.path == loginPath())
+    else if (request.path == QLatin1String("/api/login"))
         logIn(connection, request);
     else if (!m_access.mayLook(Access::sessionId(request)))
         connection->answer(noSession());

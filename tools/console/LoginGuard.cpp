@@ -40,13 +40,6 @@ void LoginGuard::succeeded(const QHostAddress &address)
     m_failures.remove(sourceOf(address));
 }
 
-void LoginGuard::undecided(const QHostAddress &address)
-{
-    Failures &failures = m_failures[sourceOf(address)];
-    failures.count = std::max(0, failures.count - 1);
-    failures.nextTry = 0;
-}
-
 void LoginGuard::forgetOld()
 {
     const qint64 now = m_clock.elapsed();

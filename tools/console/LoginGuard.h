@@ -15,8 +15,6 @@ public:
     /// next try is looked at.
     int begin(const QHostAddress &address);
     void succeeded(const QHostAddress &address);
-    /// Takes back a try that could not be looked at.
-    void undecided(const QHostAddress &address);
 
 private:
     struct Failures
