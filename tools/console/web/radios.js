@@ -29,31 +29,21 @@ const chartLibrary = new Promise(resolve => {
 
 const colour = name => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 
-function paint(chart) {
-  chart.data.datasets[0].backgroundColor = colour("--good");
-  for (const axis of Object.values(chart.options.scales)) {
-    axis.ticks.color = colour("--quiet");
-    axis.grid.color = colour("--line");
-  }
-  chart.update("none");
-}
-
 async function addChart(card) {
   const Chart = await chartLibrary;
   if (!Chart) return;
   card.chart = new Chart(card.canvas, {
     type: "bar",
-    data: { labels: card.counts.map((_, i) => i - minutes + 1), datasets: [{ data: card.counts, barPercentage: 1, categoryPercentage: 0.85 }] },
+    data: { labels: card.counts.map((_, i) => i - minutes + 1), datasets: [{ data: card.counts, backgroundColor: colour("--good"), barPercentage: 1, categoryPercentage: 0.85 }] },
     options: {
       animation: false, maintainAspectRatio: false, events: [],
       plugins: { legend: { display: false }, tooltip: { enabled: false } },
       scales: {
-        x: { grid: { display: false }, ticks: { maxRotation: 0, autoSkip: false, font: { size: 10 }, callback: (_, i) => ({ 0: text("minute", { minute: 60 }), 30: text("minute", { minute: 30 }), 59: text("now") })[i] ?? "" } },
-        y: { beginAtZero: true, suggestedMax: 4, grid: {}, ticks: { maxTicksLimit: 3, precision: 0, font: { size: 10 } } },
+        x: { grid: { display: false }, ticks: { color: colour("--quiet"), maxRotation: 0, autoSkip: false, font: { size: 10 }, callback: (_, i) => ({ 0: text("minute", { minute: 60 }), 30: text("minute", { minute: 30 }), 59: text("now") })[i] ?? "" } },
+        y: { beginAtZero: true, suggestedMax: 4, grid: { color: colour("--line") }, ticks: { color: colour("--quiet"), maxTicksLimit: 3, precision: 0, font: { size: 10 } } },
       },
     },
   });
-  paint(card.chart);
 }
 
 function makeCard(radio) {
@@ -70,6 +60,8 @@ function makeCard(radio) {
     card.model, make("div", { className: "last" }, card.ago, card.heard),
     make("div", { className: "chart" }, card.canvas),
     card.buttons = make("div", { className: "buttons" }, card.rename, card.service), card.told);
+  card.name.id = `radio-${radio.id}`;
+  for (const button of [card.rename, card.service]) button.setAttribute("aria-describedby", card.name.id);
   card.rename.addEventListener("click", () => rename(card));
   card.service.addEventListener("click", () => changeService(card));
   addChart(card);
@@ -104,8 +96,6 @@ function fill(card, radio, activity, state, session) {
   setText(card.model, visible(facts.filter(Boolean).join(" · ")));
   card.buttons.hidden = !session.open;
   setText(card.service, text(radio.enabled ? "takeOut" : "takeIn"));
-  card.rename.setAttribute("aria-label", text("renameOf", { name }));
-  card.service.setAttribute("aria-label", text(radio.enabled ? "takeOutOf" : "takeInOf", { name }));
   if (!activity) return;
   setHeard(card, activity.lastHeard);
   card.counts.splice(0, minutes, ...activity.perMinute);
@@ -188,5 +178,8 @@ async function changeService(card) {
 
 setInterval(tick, 1000);
 matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => {
-  for (const card of cards.values()) if (card.chart) paint(card.chart);
+  for (const card of cards.values()) {
+    card.chart?.destroy(); // a chart keeps the colours that it was made with
+    addChart(card);
+  }
 });
