@@ -52,7 +52,6 @@ class TestConfig : public QObject
 
 private slots:
     void newFileHasSchemaAndDefaults();
-    void migration_data();
     void migration();
     void adapterRows();
     void forwarderRows();
@@ -88,19 +87,8 @@ void TestConfig::newFileHasSchemaAndDefaults()
     QVERIFY(QJsonDocument::fromJson(QByteArray::fromBase64(secret)).object().contains("private_key"_s));
 }
 
-void TestConfig::migration_data()
+void TestConfig::migration()
 {
-    QTest::addColumn<QString>("release");
-    QTest::addColumn<QStringList>("changes"); // what makes a new file an older one
-    QTest::addColumn<QString>("keys");
-    QTest::addColumn<QString>("forwarders");
-    QTest::addColumn<QString>("logged"); // after the line that names the release
-    const auto row = [](const char *release, const QStringList &changes, const char *keys,
-                         const char *forwarders, const QString &logged) {
-        QTest::addRow("%s, %d changes", release, int(changes.size()))
-            << release << changes << "autokill_enabled=false "_s + QLatin1String(keys) << forwarders
-            << logged;
-    };
     const QStringList withoutColumns{"ALTER TABLE radio_adapters DROP COLUMN esn"_s,
         "ALTER TABLE data_forwarder DROP COLUMN secret"_s,
         "ALTER TABLE data_forwarder DROP COLUMN context"_s};
@@ -112,44 +100,49 @@ void TestConfig::migration_data()
         "CONTEXT column does not exists - inserted\n"
         "Np GCP configuration found - defaulting.\n"_s;
     const QString updated = "Update BDD schema and default conf to  :  \"1.1\""_s;
-    row("0.21.0", withoutColumns, "bdd_release=1.1 owner_email=undefined owner_dept=undefined", "GCP0",
-        inserted.arg(QString()) + updated);
-    row("", withoutColumns, "owner_email=undefined owner_dept=undefined bdd_release=1.1", "GCP0",
-        inserted.arg("BDD_RELEASE_KEY not found - inserted.\n"_s) + updated);
-    row("", withoutKeys,
-        "autokill_user=undefined autokill_pwd=undefined owner_dept=undefined owner_email=undefined "
-        "bdd_release=1.1 forward_invalid_data=false",
-        "GCPkept0", "Table system_configuration does not exists - creating a new one.\n"_s + updated);
-    row("1.0", {}, "bdd_release=1.1 forward_invalid_data=false", "RAW0",
-        "FORWARD_INVALID_DATA_KEY not found - inserted.\n"_s + updated);
-    row("2.0", {}, "bdd_release=2.0", "RAW0", QString());
-    row("1.1", {}, "bdd_release=1.1", "RAW0", QString());
-}
+    struct Case
+    {
+        QString release;
+        QStringList changes; ///< what makes a new file an older one
+        QString keys;
+        QString forwarders;
+        QString logged; ///< after the line that names the release
+    };
+    for (const Case &each :
+        {Case{"0.21.0"_s, withoutColumns, "bdd_release=1.1 owner_email=undefined owner_dept=undefined"_s,
+             "GCP0"_s, inserted.arg(QString()) + updated},
+            {""_s, withoutColumns, "owner_email=undefined owner_dept=undefined bdd_release=1.1"_s, "GCP0"_s,
+                inserted.arg("BDD_RELEASE_KEY not found - inserted.\n"_s) + updated},
+            {""_s, withoutKeys,
+                "autokill_user=undefined autokill_pwd=undefined owner_dept=undefined owner_email=undefined "
+                "bdd_release=1.1 forward_invalid_data=false"_s,
+                "GCPkept0"_s,
+                "Table system_configuration does not exists - creating a new one.\n"_s + updated},
+            {"1.0"_s, {}, "bdd_release=1.1 forward_invalid_data=false"_s, "RAW0"_s,
+                "FORWARD_INVALID_DATA_KEY not found - inserted.\n"_s + updated},
+            {"2.0"_s, {}, "bdd_release=2.0"_s, "RAW0"_s, ""_s},
+            {"1.1"_s, {}, "bdd_release=1.1"_s, "RAW0"_s, ""_s}}) {
+        const TestDatabase file;
+        makeFile(file);
+        file.run("UPDATE data_forwarder SET type = 'RAW'"_s);
+        file.run("DELETE FROM system_configuration WHERE name <> 'autokill_enabled'"_s);
+        if (!each.release.isEmpty())
+            file.setKey(BDD_RELEASE_KEY, each.release);
+        for (const QString &change : each.changes)
+            file.run(change);
 
-void TestConfig::migration()
-{
-    QFETCH(QString, release);
-    QFETCH(QStringList, changes);
-    const TestDatabase file;
-    makeFile(file);
-    file.run("UPDATE data_forwarder SET type = 'RAW'"_s);
-    file.run("DELETE FROM system_configuration WHERE name <> 'autokill_enabled'"_s);
-    if (!release.isEmpty())
-        file.setKey(BDD_RELEASE_KEY, release);
-    for (const QString &change : qAsConst(changes))
-        file.run(change);
-
-    LogCapture log;
-    FreshDatabase database(file.path());
-    QStringList lines = log.text(QtInfoMsg).split(u'\n').filter(QRegularExpression("^(?!void )"_s));
-    if (release != BDD_RELEASE_VALUE) {
-        QCOMPARE(lines.takeFirst(),
-            "Old database schema detected :  \"%1\"  - should be  \"1.1\""_s.arg(
-                release.isEmpty() ? UNDEFINED_VALUE : release));
+        LogCapture log;
+        FreshDatabase database(file.path());
+        QStringList lines = log.text(QtInfoMsg).split(u'\n').filter(QRegularExpression("^(?!void )"_s));
+        if (each.release != BDD_RELEASE_VALUE) {
+            QCOMPARE(lines.takeFirst(),
+                "Old database schema detected :  \"%1\"  - should be  \"1.1\""_s.arg(
+                    each.release.isEmpty() ? UNDEFINED_VALUE : each.release));
+        }
+        QCOMPARE(lines.join(u'\n'), each.logged);
+        QCOMPARE(keysAndValues(file), "autokill_enabled=false "_s + each.keys);
+        QCOMPARE(outputs(file), each.forwarders);
     }
-    QTEST(lines.join(u'\n'), "logged");
-    QTEST(keysAndValues(file), "keys");
-    QTEST(outputs(file), "forwarders");
 }
 
 void TestConfig::adapterRows()

@@ -76,7 +76,6 @@ class TestForwarders : public QObject
 private slots:
     void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
     void radioModels();
-    void tcpMessages();
     void unreachableTcpTargets();
     void tcpServerComesGoesAndComesBack();
     void longWaitsForConnectionsLeaveTimeBetweenThem();
@@ -85,9 +84,6 @@ private slots:
     void pipesNeverBlock();
 
 private:
-    template <typename Radio>
-    void checkMessages(const QByteArray &expected);
-
     TestDatabase m_file;
 };
 
@@ -102,35 +98,6 @@ void TestForwarders::radioModels()
     }
     const QString line = "Unknown model :  \"289\""_s;
     QCOMPARE(log.text(), line + u'\n' + line);
-}
-
-template <typename Radio>
-void TestForwarders::checkMessages(const QByteArray &expected)
-{
-    QTcpServer server;
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    Radio radio(m_file, localhost, server.serverPort());
-    radio.hear("lost: not connected yet");
-    radio.show("Lost"_s);
-    QCOMPARE(radio.status(), 0);
-    QTRY_COMPARE(radio.status(), 3);
-    QTRY_VERIFY(server.hasPendingConnections());
-    const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
-    radio.setStatus(0);
-    radio.hear(QByteArray("*NTF,\0\xff", 7));
-    QCOMPARE(radio.status(), 3);
-    radio.show("Hé"_s);
-    radio.hear("two");
-    QTRY_COMPARE(client->bytesAvailable(), expected.size());
-    QCOMPARE(client->readAll(), expected);
-}
-
-void TestForwarders::tcpMessages()
-{
-    const QByteArray binary("*NTF,\0\xff", 7);
-    checkMessages<RawOutput>("\x02" + binary + "\x03\x02*SET,UI,TEXT,Hé\x03\x02two\x03");
-    checkMessages<Output<ExtendedRawDataForwarder>>(
-        "Équipe 1|" + binary + "Équipe 1|*SET,UI,TEXT,HéÉquipe 1|two");
 }
 
 void TestForwarders::unreachableTcpTargets()
@@ -166,29 +133,48 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     server.close();
     QElapsedTimer clock;
     clock.start();
-    RawOutput radio(m_file, localhost, port);
-    QCOMPARE(radio.status(), 0);
-    QTRY_COMPARE(radio.status(), 4);
+    RawOutput raw(m_file, localhost, port);
+    Output<ExtendedRawDataForwarder> extended(m_file, localhost, port);
+    QCOMPARE(raw.status(), 0);
+    QTRY_COMPARE(raw.status(), 4);
     QVERIFY2(clock.restart() >= 1900, "the first attempt comes 2 s after the start");
+    raw.hear("lost");
+    raw.show("Lost"_s);
+    QCOMPARE(raw.status(), 4);
 
     QVERIFY(server.listen(QHostAddress::LocalHost, port));
     LogCapture log;
-    QTRY_COMPARE(radio.status(), 3);
+    QTRY_COMPARE(raw.status(), 3);
     const qint64 pause = clock.elapsed();
     QVERIFY2(pause >= 1900 && pause < 4500, qPrintable(QString::number(pause)));
-    QCOMPARE(log.text(), "[ \"127.0.0.1\" : %1 ] socket connected"_s.arg(port));
-    QTRY_VERIFY(server.hasPendingConnections());
-    log.clear();
-    delete server.nextPendingConnection();
-    QTRY_COMPARE(radio.status(), 4);
-    QVERIFY(log.text().endsWith(" : erreur de la socket :  QAbstractSocket::RemoteHostClosedError"_s));
-    radio.hear("lost");
-    QCOMPARE(radio.status(), 4);
+    QTRY_COMPARE(extended.status(), 3);
+    const QString connected = "[ \"127.0.0.1\" : %1 ] socket connected"_s.arg(port);
+    QCOMPARE(log.text(), connected + u'\n' + connected);
 
-    QTRY_COMPARE(radio.status(), 3);
+    const QByteArray binary("*NTF,\0\xff", 7);
+    const auto checkMessages = [&](auto *output, const QByteArray &expected) {
+        output->setStatus(0);
+        output->hear(binary);
+        QCOMPARE(output->status(), 3);
+        output->show("Hé"_s);
+        output->hear("two");
+        QTRY_VERIFY(server.hasPendingConnections());
+        const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
+        QTRY_COMPARE(client->bytesAvailable(), expected.size());
+        QCOMPARE(client->readAll(), expected);
+    };
+    log.clear();
+    checkMessages(&raw, "\x02" + binary + "\x03\x02*SET,UI,TEXT,Hé\x03\x02two\x03");
+    QTRY_COMPARE(raw.status(), 4); // its connection has ended with the check
+    QVERIFY(log.text().endsWith(" : erreur de la socket :  QAbstractSocket::RemoteHostClosedError"_s));
+    checkMessages(&extended, "Équipe 1|" + binary + "Équipe 1|*SET,UI,TEXT,HéÉquipe 1|two");
+
+    raw.hear("lost");
+    QCOMPARE(raw.status(), 4);
+    QTRY_COMPARE(raw.status(), 3);
     QTRY_VERIFY(server.hasPendingConnections());
     const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
-    radio.hear("back");
+    raw.hear("back");
     QTRY_COMPARE(client->bytesAvailable(), 6); // and nothing of what was lost
 }
 

@@ -35,11 +35,7 @@ QString fieldsOf(const IcomCommandResponse *response)
     return fields.join(u'|');
 }
 
-using Query = QSharedPointer<IcomCommand>;
-
 } // namespace
-
-Q_DECLARE_METATYPE(Query)
 
 class TestProtocol : public QObject
 {
@@ -47,11 +43,9 @@ class TestProtocol : public QObject
 
 private slots:
     void initTestCase();
-    void identificationAnswers_data();
     void identificationAnswers();
     void displayTextNamesItsRadioAndScrolls();
-    void killCommandsAreOnlyLogged();
-    void notifications_data();
+    void commandsNeedAPort();
     void notifications();
     void alertsAreLoggedByState();
 
@@ -65,79 +59,61 @@ void TestProtocol::initTestCase()
     ConfigDatabase::getInstance(m_file.path());
 }
 
-void TestProtocol::identificationAnswers_data()
-{
-    QTest::addColumn<Query>("query");
-    QTest::addColumn<QByteArray>("frame");
-    QTest::addColumn<QString>("fields"); // null when the frame is no answer
-    const auto row = [](const Query &query, const QByteArray &frame, const QString &fields = {}) {
-        QTest::newRow(frame) << query << frame << fields;
-    };
-    const auto esn = QSharedPointer<RetrieveEsnCommand>::create(nullptr);
-    row(esn, QByteArray("*NTF,INFO,ESN,0123\0junk", 23), "0123"_s);
-    row(esn, "*NTF,INFO,ESN,12A");
-    row(esn, "x*NTF,INFO,ESN,12");
-    const auto comment = QSharedPointer<RetrieveCloningCommentCommand>::create(nullptr, 2);
-    row(comment, "*NTF,INFO,COMMENT,Équipe, 1", "Équipe, 1"_s);
-    row(comment, "*NTF,INFO,COMMENT,", ""_s);
-    row(comment, "*NTF,INFO,COMMENT");
-    const auto dsp = QSharedPointer<RetrieveDspFirmwareCommand>::create(nullptr);
-    row(dsp, "*NTF,INFO,DREV,1.02,X", "1.02|X"_s);
-    row(dsp, "*NTF,INFO,DREV,NG", "NG|NG"_s);
-    row(dsp, "*NTF,INFO,DREV,A.1,X");
-    const auto firmware = QSharedPointer<RetrieveFirmwareVersionCommand>::create(nullptr);
-    row(firmware, "*NTF,INFO,REV,1.0,$AB12", "1.0|$AB12|"_s);
-    row(firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "1.0|$AB12|z"_s); // not tied to either end
-    row(firmware, "*NTF,INFO,REV,1.0,AB12");
-    const auto front = QSharedPointer<RetrieveFrontFirmwareCommand>::create(nullptr);
-    row(front, "*NTF,INFO,FREV,a,b,c", "a,b|c"_s);
-    row(front, "*NTF,INFO,FREV,NG", "NG|NG"_s);
-    row(front, "*NTF,INFO,FREV,NGX");
-}
-
 void TestProtocol::identificationAnswers()
 {
-    QFETCH(Query, query);
-    QFETCH(QByteArray, frame);
-    QFETCH(QString, fields);
-    LogCapture log;
-    QSignalSpy answers(query.data(), &IcomCommand::commandResponse);
-    QCOMPARE(query->validResponse(frame), !fields.isNull());
-    if (fields.isNull()) {
-        const QString names[] = {
-            {}, "Comment"_s, "DSP FW response"_s, "ESN"_s, "Firmware Version"_s, "Front firmware version"_s};
+    const auto esn = QSharedPointer<RetrieveEsnCommand>::create(nullptr);
+    const auto comment = QSharedPointer<RetrieveCloningCommentCommand>::create(nullptr, 2);
+    const auto dsp = QSharedPointer<RetrieveDspFirmwareCommand>::create(nullptr);
+    const auto firmware = QSharedPointer<RetrieveFirmwareVersionCommand>::create(nullptr);
+    const auto front = QSharedPointer<RetrieveFrontFirmwareCommand>::create(nullptr);
+    struct Case
+    {
+        QSharedPointer<IcomCommand> query;
+        QByteArray frame;
+        QString fields{}; ///< null when the frame is no answer
+    };
+    const Case cases[] = {{esn, QByteArray("*NTF,INFO,ESN,0123\0junk", 23), "0123"_s},
+        {esn, "*NTF,INFO,ESN,12A"}, {esn, "x*NTF,INFO,ESN,12"},
+        {comment, "*NTF,INFO,COMMENT,Équipe, 1", "Équipe, 1"_s}, {comment, "*NTF,INFO,COMMENT,", ""_s},
+        {comment, "*NTF,INFO,COMMENT"}, {dsp, "*NTF,INFO,DREV,1.02,X", "1.02|X"_s},
+        {dsp, "*NTF,INFO,DREV,NG", "NG|NG"_s}, {dsp, "*NTF,INFO,DREV,A.1,X"},
+        {firmware, "*NTF,INFO,REV,1.0,$AB12", "1.0|$AB12|"_s},
+        {firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "1.0|$AB12|z"_s}, // not tied to either end
+        {firmware, "*NTF,INFO,REV,1.0,AB12"}, {front, "*NTF,INFO,FREV,a,b,c", "a,b|c"_s},
+        {front, "*NTF,INFO,FREV,NG", "NG|NG"_s}, {front, "*NTF,INFO,FREV,NGX"}};
+    const QString names[] = {
+        {}, "Comment"_s, "DSP FW response"_s, "ESN"_s, "Firmware Version"_s, "Front firmware version"_s};
+    for (const auto &[query, frame, fields] : cases) {
+        LogCapture log;
+        QSignalSpy answers(query.data(), &IcomCommand::commandResponse);
+        QVERIFY2(query->validResponse(frame) == !fields.isNull(), frame);
         QCOMPARE(log.text(QtWarningMsg),
-            "NON Valid %1 :  \"%2\""_s.arg(names[query->commandType()], QString::fromUtf8(frame)));
-        QVERIFY(answers.isEmpty());
-        return;
+            fields.isNull()
+                ? "NON Valid %1 :  \"%2\""_s.arg(names[query->commandType()], QString::fromUtf8(frame))
+                : QString());
+        QCOMPARE(answers.isEmpty(), fields.isNull());
+        if (fields.isNull())
+            continue;
+        const auto answer = answers.first().first().value<QSharedPointer<IcomCommandResponse>>();
+        QCOMPARE(answer->responseType(), query->commandType());
+        QCOMPARE(answer->data(), frame);
+        QCOMPARE(fieldsOf(answer.data()), fields);
     }
-    QCOMPARE(log.text(), QString());
-    const auto answer = answers.first().first().value<QSharedPointer<IcomCommandResponse>>();
-    QCOMPARE(answer->responseType(), query->commandType());
-    QCOMPARE(answer->data(), frame);
-    QCOMPARE(fieldsOf(answer.data()), fields);
 }
 
 void TestProtocol::displayTextNamesItsRadioAndScrolls()
 {
-    struct Case
-    {
-        QString text;
-        QString command;
-        QString followUp; ///< its delay in ms and its text
-    };
-    for (const Case &each : {Case{""_s, ""_s, ""_s}, {"ABCDEFGHIJKé"_s, "ABCDEFGHIJKé"_s, "4000 "_s},
-             {"ABCDEFGHIJKLM"_s, "ABCDEFGHIJKLM"_s, "100 FGHIJKLM"_s},
-             {"on <Port> <NAME>"_s, "on ttyUSB0 R1"_s, "100 yUSB0 R1"_s}}) {
+    const QStringList cases[] = {// text, command, delay in ms and text of what follows
+        {""_s, ""_s, ""_s}, {"ABCDEFGHIJKé"_s, "ABCDEFGHIJKé"_s, "4000 *SET,UI,TEXT,"_s},
+        {"ABCDEFGHIJKLM"_s, "ABCDEFGHIJKLM"_s, "100 *SET,UI,TEXT,FGHIJKLM"_s},
+        {"on <Port> <NAME>"_s, "on ttyUSB0 R1"_s, "100 *SET,UI,TEXT,yUSB0 R1"_s}};
+    for (const QStringList &each : cases) {
         RecordingLink link("R1"_s, "ttyUSB0"_s);
         MyQSerialPort closedPort; // the write fails; what is queued does not depend on it
-        DisplayTextCommand command(&link, each.text, 4000);
-        QCOMPARE(command.commandText(), "*SET,UI,TEXT,"_s + each.command);
+        DisplayTextCommand command(&link, each.at(0), 4000);
+        QCOMPARE(command.commandText(), "*SET,UI,TEXT,"_s + each.at(1));
         QVERIFY(!command.execute(&closedPort));
-        QString followUp;
-        for (const RecordingLink::Delayed &next : qAsConst(link.delayed))
-            followUp += QString::number(next.delayMs) + u' ' + next.command->commandText().section(u',', 3);
-        QCOMPARE(followUp, each.followUp);
+        QCOMPARE(link.delayed.join(u' '), each.at(2));
     }
     RecordingLink doubling("<name><NAME>"_s); // at each call, if it were inserted
     DisplayTextCommand bomb(&doubling, "<name>"_s, 5000);
@@ -146,66 +122,39 @@ void TestProtocol::displayTextNamesItsRadioAndScrolls()
     QCOMPARE(orphan.commandText(), "*SET,UI,TEXT,<name> %1"_s);
 }
 
-void TestProtocol::killCommandsAreOnlyLogged()
+void TestProtocol::commandsNeedAPort()
 {
     LogCapture log;
-    DpmrKillCommand dpmr(nullptr, "4567"_s);
-    AnalogKillCommand analog(nullptr, "123"_s);
-    QVERIFY(dpmr.execute(nullptr) && analog.execute(nullptr)); // no port is needed
-    QVERIFY(!dpmr.expectsResponse() && dpmr.validResponse("x") && analog.validResponse("x"));
-    QCOMPARE(log.text(QtInfoMsg),
-        "PCCMDV2 Command to send :  \"*SET,DPMR,TXSTAT,IND,4567,0047312,30,ACK\"\n"
-        "PCCMDV2 Command to send :  \"*SET,5T,TXCODE,123DC\""_s);
-    QCOMPARE(analog.commandText(), "*SET,5T,TXCODE,123DCDC"_s);
-
-    log.clear();
-    RetrieveEsnCommand query(nullptr); // any other needs one
+    RetrieveEsnCommand query(nullptr);
     MyQSerialPort closedPort;
     QVERIFY(query.expectsResponse() && !query.execute(nullptr) && !query.execute(&closedPort));
     QCOMPARE(log.text(QtInfoMsg),
         "TRYING TO SEND A COMMAND ON A NULL SERIAL PORT\nTRYING TO SEND A COMMAND ON A CLOSED SERIAL PORT"_s);
 }
 
-void TestProtocol::notifications_data()
-{
-    QTest::addColumn<QByteArray>("frame");
-    QTest::addColumn<int>("type"); // 0: the frame is dropped
-    QTest::addColumn<QString>("fields");
-    const auto row = [](const QByteArray &frame, int type, const char *fields = "") {
-        QTest::newRow(frame) << frame << type << QString::fromUtf8(fields);
-    };
-    row("*NTF,DPMR,RXVCALL,IND,0,1,2,3,4,é", 6, "2|3|4|é");
-    row("*NTF,DPMR,RXVCALL,2,3,4,5", 99);
-    row(QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5\0,6", 30), 6, "2|3|4|5");
-    row(QByteArray("*NTF\0,DPMR,RXVCALL,1,2,3,4,5", 28), 99);
-    row("*NTF,DPMR,RXSTAT,1,2,3,4,5,RXVCALL", 99); // the call's keyword comes first
-    row("*NTF,5T,RXCODE,1,2,3,4", 7, "1,2|3|4");
-    row("*NTF,5T,RXCODE,1,2", 99);
-    row("*NTF,DPMR,RXSTAT,a,b,1,2,3,4,5,6", 8, "2|3|4|5|6");
-    row("*NTF,DPMR,RXSTAT,1,2,3,4,5", 99);
-    row("*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"N48, E2\"", 9, "2|3|4|5|N48, E2");
-    row("*NTF,DPMR,RXMSG,1,2,3,4,5,TXT,\"hello\"", 99);
-    row("*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,x", 0);
-    row("*NTF,CTRL,BATVST,L1\"", 10, "L1");
-    row("*NTF,CTRL,BATVST,L1", 99);
-    row("*NTF,CTRL,RFPWRST,ON\"", 11, "ON");
-    row("*NTF,CTRL,RFPWRST,ON", 99);
-    row("", 99);
-}
-
 void TestProtocol::notifications()
 {
-    QFETCH(QByteArray, frame);
-    QFETCH(int, type);
-    QFETCH(QString, fields);
+    // Type and fields of what becomes of a frame, unless it is dropped.
+    const QPair<QByteArray, QString> cases[] = {{"*NTF,DPMR,RXVCALL,IND,0,1,2,3,4,é", "6 2|3|4|é"_s},
+        {"*NTF,DPMR,RXVCALL,2,3,4,5", "99 "_s},
+        {QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5\0,6", 30), "6 2|3|4|5"_s},
+        {QByteArray("*NTF\0,DPMR,RXVCALL,1,2,3,4,5", 28), "99 "_s},
+        {"*NTF,DPMR,RXSTAT,1,2,3,4,5,RXVCALL", "99 "_s}, // the call's keyword comes first
+        {"*NTF,5T,RXCODE,1,2,3,4", "7 1,2|3|4"_s}, {"*NTF,5T,RXCODE,1,2", "99 "_s},
+        {"*NTF,DPMR,RXSTAT,a,b,1,2,3,4,5,6", "8 2|3|4|5|6"_s}, {"*NTF,DPMR,RXSTAT,1,2,3,4,5", "99 "_s},
+        {"*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"N48, E2\"", "9 2|3|4|5|N48, E2"_s},
+        {"*NTF,DPMR,RXMSG,1,2,3,4,5,TXT,\"hello\"", "99 "_s},
+        {"*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,x", "dropped"_s}, {"*NTF,CTRL,BATVST,L1\"", "10 L1"_s},
+        {"*NTF,CTRL,BATVST,L1", "99 "_s}, {"*NTF,CTRL,RFPWRST,ON\"", "11 ON"_s},
+        {"*NTF,CTRL,RFPWRST,ON", "99 "_s}, {"", "99 "_s}};
     RecordingLink link;
-    const auto response = parseNotification(&link, frame);
-    QCOMPARE(!response, type == 0);
-    if (!response)
-        return;
-    QCOMPARE(response->responseType(), type);
-    QCOMPARE(response->data(), frame);
-    QCOMPARE(fieldsOf(response.data()), fields);
+    for (const auto &[frame, expected] : cases) {
+        const auto response = parseNotification(&link, frame);
+        const QString outcome =
+            response ? "%1 %2"_s.arg(response->responseType()).arg(fieldsOf(response.data())) : "dropped"_s;
+        QVERIFY2(outcome == expected, frame + ": " + outcome.toUtf8());
+        QVERIFY(!response || response->data() == frame);
+    }
 }
 
 void TestProtocol::alertsAreLoggedByState()

@@ -45,62 +45,11 @@ class TestRadiosim : public QObject
     Q_OBJECT
 
 private slots:
-    void otherSpeed();
-    void closeAndReopen();
-    void lineRate();
     void slowReader();
-    void traffic();
     void scripts();
     void badInput();
     void program();
 };
-
-void TestRadiosim::otherSpeed()
-{
-    PluggedRadio radio(9600);
-    Port port(radio.portName());
-    port.write(frame("*GET,INFO,ESN"));
-    QTRY_COMPARE(port.bytesAvailable(), 3);
-    QVERIFY(radio.hear("*NTF,5T,RXCODE,1,2,3"));
-    const QByteArray heard = port.readLike("???" + frame("*NTF,5T,RXCODE,1,2,3"));
-    QVERIFY(!heard.contains('\x02') && !heard.contains('\x03') && !heard.contains("NTF"));
-    QCOMPARE(radio.received(), QByteArrayList());
-
-    QVERIFY(port.setBaudRate(9600));
-    port.write(frame("*GET,INFO,ESN"));
-    QCOMPARE(port.readLike(esnAnswer), esnAnswer);
-}
-
-void TestRadiosim::closeAndReopen()
-{
-    PluggedRadio radio;
-    QVERIFY(!radio.hear("nobody has opened it yet"));
-    for (int round = 0; round < 3; ++round) {
-        Port port(radio.portName());
-        QVERIFY(radio.hear("first"));
-        QCOMPARE(port.readLike(frame("first")), frame("first"));
-        QVERIFY(radio.hear("not read before the end"));
-        port.close();
-        QVERIFY(!radio.hear("lost"));
-        QTest::qWait(60 * (round % 2)); // with and without the time to notice
-        Port again(radio.portName());
-        again.write(frame("*GET,INFO,ESN"));
-        QCOMPARE(again.readLike(esnAnswer), esnAnswer);
-    }
-}
-
-void TestRadiosim::lineRate()
-{
-    RadioSettings settings;
-    settings.lineRate = true;
-    PluggedRadio radio(settings);
-    Port port(radio.portName());
-    QElapsedTimer clock;
-    clock.start();
-    QVERIFY(radio.hear(QByteArray(478, 'x')));
-    QTRY_COMPARE(port.bytesAvailable(), 480);
-    QVERIFY2(clock.elapsed() >= 245 && clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
-}
 
 void TestRadiosim::slowReader()
 {
@@ -113,25 +62,12 @@ void TestRadiosim::slowReader()
     QVERIFY(kept.size() > 256 * 1024);
     port.setReadBufferSize(0);
     QVERIFY(port.readLike(kept) == kept);
-    QVERIFY(radio.hear("room again"));
-}
-
-void TestRadiosim::traffic()
-{
-    TrafficGenerator traffic;
-    QSignalSpy lines(&traffic, &TrafficGenerator::lineReady);
-    QElapsedTimer clock;
-    clock.start();
-    traffic.start(800); // more than one for each tick of its timer
-    QTRY_VERIFY(lines.size() >= 100);
-    QVERIFY2(clock.elapsed() >= 115 && clock.elapsed() < 1000, qPrintable(QString::number(clock.elapsed())));
-    traffic.stop();
-    const int sent = lines.size();
-    QTest::qWait(20);
-    QCOMPARE(lines.size(), sent);
-    for (int i = 0; i < sent; ++i)
-        QCOMPARE(TrafficGenerator::numberIn("radio;" + lines.at(i).first().toByteArray() + ";"), i + 1);
-    QCOMPARE(TrafficGenerator::numberIn("*NTF,INFO,ESN,28940001,N12"), -1);
+    QVERIFY(radio.hear("not read before the end"));
+    port.close();
+    QVERIFY(!radio.hear("lost"));
+    Port again(radio.portName());
+    QVERIFY(radio.deliver(frame("fresh")));
+    QCOMPARE(again.readLike(frame("fresh")), frame("fresh"));
 }
 
 void TestRadiosim::scripts()
@@ -191,18 +127,25 @@ void TestRadiosim::program()
     };
     process.start(radiosim,
         {"--control"_s, "--count"_s, "2"_s, "--link"_s, folder.filePath("r%1"_s), "--esn"_s, "0099"_s,
-            "--comment1"_s, "café"_s});
+            "--comment1"_s, "café"_s, "--line-rate"_s});
     QVERIFY(prints("(link %1), 19200 bit/s, ESN 0100\n"_s.arg(second)));
     QVERIFY(command("baud 4800 2", "radio 2: 4800 bit/s\nok\n"_s));
     Port port(QFile::symLinkTarget(second), 4800);
     port.write(frame("*GET,INFO,COMMENT,1") + frame("*SET,UI,TEXT,d\xc3\xa9j\xc3\xa0, vu"));
     QVERIFY(prints("radio 2: received *SET,UI,TEXT,déjà, vu\nradio 2: display [déjà, vu]\n"_s));
-    QVERIFY(command("hear:2 call", "ok\n"_s) && command("raw:2 \\x02\\0", "ok\n"_s));
+    const QByteArray call(200, 'c');
+    QElapsedTimer clock;
+    clock.start();
+    QVERIFY(command("hear:2 " + call, "ok\n"_s) && command("raw:2 \\x02\\0", "ok\n"_s));
     QVERIFY(command("traffic 200 2", "radio 2: 200 lines/s after line 0\nok\n"_s));
-    const QByteArray heard = frame("*NTF,INFO,COMMENT,caf\xc3\xa9") + frame("call") + QByteArray("\x02\0", 2)
+    const QByteArray heard = frame("*NTF,INFO,COMMENT,caf\xc3\xa9") + frame(call) + QByteArray("\x02\0", 2)
         + frame(TrafficGenerator::line(1));
     QVERIFY(port.readLike(heard).startsWith(heard));
+    QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 3000, "at 480 bytes a second");
+    QTest::qWait(300);
     QVERIFY(command("traffic 0 2", "radio 2: 0 lines/s after line "_s));
+    const int lines = printed.section("line "_s, 1).section(u'\n', 0, 0).toInt();
+    QVERIFY2(lines >= 50 && lines <= clock.elapsed() / 5, qPrintable(printed));
     QVERIFY(command("unplug 1", "radio 1: unplugged\nok\n"_s));
     QVERIFY(!QFileInfo(first).isSymLink() && QFileInfo(second).isSymLink());
     QVERIFY(command("plug", "ok\n"_s) && QFileInfo(first).isSymLink());

@@ -19,20 +19,14 @@ public:
         m_config->port = port;
     }
 
-    struct Delayed
-    {
-        QSharedPointer<IcomCommand> command;
-        int delayMs;
-    };
-
     QSharedPointer<RadioAdapterConfig> config() const override { return m_config; }
     void enqueueCommand(QSharedPointer<IcomCommand>) override { }
     void addDelayedCommand(QSharedPointer<IcomCommand> command, int delayMs) override
     {
-        delayed.append({command, delayMs});
+        delayed.append(QString::number(delayMs) + QLatin1Char(' ') + command->commandText());
     }
 
-    QList<Delayed> delayed;
+    QStringList delayed; ///< delay in ms and text of each command
 
 signals:
     void dataReceived(QSharedPointer<IcomCommandResponse> resp);

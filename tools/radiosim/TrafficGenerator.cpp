@@ -1,7 +1,5 @@
 #include "tools/radiosim/TrafficGenerator.h"
 
-#include <QRegularExpression>
-
 #include <array>
 
 namespace {
@@ -52,13 +50,6 @@ QByteArray TrafficGenerator::line(int number)
     QByteArray text(kinds[size_t(number) % kinds.size()]);
     text.replace("<caller>", QByteArray::number(1200000 + number % callers));
     return text.replace("<number>", 'N' + QByteArray::number(number).rightJustified(6, '0'));
-}
-
-int TrafficGenerator::numberIn(const QByteArray &text)
-{
-    static const QRegularExpression pattern(QStringLiteral("\\bN(\\d{6,})\\b"));
-    const QRegularExpressionMatch match = pattern.match(QString::fromUtf8(text));
-    return match.hasMatch() ? match.captured(1).toInt() : -1;
 }
 
 void TrafficGenerator::produce()

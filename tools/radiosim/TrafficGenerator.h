@@ -28,8 +28,6 @@ public:
     int lastNumber() const { return m_lastNumber; }
 
     static QByteArray line(int number);
-    /// The number in a line, or in whatever text a line was forwarded as; -1 when there is none.
-    static int numberIn(const QByteArray &text);
 
 signals:
     void lineReady(const QByteArray &line);
