@@ -11,88 +11,16 @@ import subprocess
 import sys
 import tempfile
 import time
-from contextlib import contextmanager
 from datetime import date
 
+import instructions
+import peers
 import tables
-from rig import Daemon, Radios, add_output, add_radios, make_database, wait_for
+from rig import Daemon, Radios, add_output, add_radios, make_database, say, wait_for
 from sinks import TcpSink
 from trace import trace_frames
 
 LINE_RATE = 70  # frames per second and radio at 38400 bit/s
-PORT = 42100
-CORES = {"a core each": (0, 1), "any core": (None, None)}  # of probe and program, while latency is measured
-
-
-class Gateway:
-    """One of the programs between a radio's device and a TCP socket."""
-
-    role = "accept"  # the probe's end of the connection
-
-    def __init__(self, bench):
-        self.bench = bench
-        self.link = f"{bench.folder}/radio"
-        self.process = None
-
-    def start(self, probe):
-        self.process = subprocess.Popen(self.command(), stderr=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
-        time.sleep(0.5)
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
-
-
-class Socat(Gateway):
-    name = "socat"
-    flood_frames = 300_000
-
-    def command(self):
-        return ["socat", f"{self.link},raw,echo=0,b38400", f"TCP:127.0.0.1:{PORT},nodelay"]
-
-
-class Ser2net(Gateway):
-    """As shipped: the connection's own defaults for how long it collects bytes."""
-
-    name = "ser2net"
-    role = "connect"
-    flood_frames = 20_000
-
-    def command(self):
-        path = f"{self.bench.folder}/ser2net.yaml"
-        with open(path, "w") as file:
-            file.write("%YAML 1.1\n---\nconnection: &radio\n"
-                       f"  accepter: tcp,127.0.0.1,{PORT}\n  connector: serialdev,{self.link},38400n81,local\n")
-        return ["ser2net", "-n", "-c", path]
-
-
-class Quillon(Gateway):
-    name = "quillon"
-    flood_frames = 6_000
-
-    def __init__(self, bench, outputs=("RAW",)):
-        super().__init__(bench)
-        self.outputs = outputs
-        if len(outputs) > 1:
-            self.name = f"quillon, {' '.join(outputs)}"
-
-    def start(self, probe):
-        daemon = self.bench.new_daemon([self.link])
-        add_output(daemon.database, "RAW", "127.0.0.1", PORT)
-        if "ERAW" in self.outputs:
-            add_output(daemon.database, "ERAW", "127.0.0.1", PORT + 1)
-        if "FILE" in self.outputs:
-            add_output(daemon.database, "FILE", f"{self.bench.folder}/frames.log")
-        daemon.start()
-        self.process = daemon.process
-        shown = False
-        for line in probe.stderr:  # until the greeting has been shown and cleared
-            if line.startswith(b"*SET,UI,TEXT,"):
-                text = line.strip() != b"*SET,UI,TEXT,"
-                if shown and not text:
-                    break
-                shown = shown or text
-        time.sleep(0.7)
 
 
 class Bench:
@@ -108,55 +36,6 @@ class Bench:
         make_database(daemon)
         add_radios(daemon.database, links, baud)
         return daemon
-
-    def probe(self, gateway, kind, count, drains=(), cores=(None, None)):
-        """Numbers that the probe prints for this gateway; the two may have a core each."""
-        ports = [str(port) for port in drains]
-        command = [f"{self.arguments.bin}/quillon-probe", kind, gateway.link, gateway.role, str(PORT), str(count)]
-        with only_on(cores[0]):
-            probe = subprocess.Popen(command + ports, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                                     stderr=subprocess.PIPE)
-        probe.stderr.readline()
-        try:
-            with only_on(cores[1]):
-                gateway.start(probe)
-            output = probe.communicate(b"\n", timeout=300)[0]
-        finally:
-            gateway.stop()
-            probe.kill()
-        if probe.returncode != 0:
-            raise RuntimeError(f"{gateway.name}: {kind} failed")
-        return [float(line) for line in output.split()]
-
-    def compare(self):
-        """Latency and throughput, the programs taking turns."""
-        every = Quillon(self, ("RAW", "ERAW", "FILE"))
-        gateways = [Socat(self), Ser2net(self), Quillon(self)]
-        rounds = {gateway.name: [] for gateway in gateways + [every]}
-        for number in range(self.arguments.rounds):
-            for gateway in gateways:
-                figures = {}
-                for where, cores in CORES.items():
-                    latencies = sorted(self.probe(gateway, "latency", self.arguments.samples, cores=cores))
-                    figures[f"p50, {where}"] = latencies[len(latencies) // 2] / 1000
-                    figures[f"p99, {where}"] = latencies[len(latencies) * 99 // 100] / 1000
-                figures["rate"] = gateway.flood_frames / self.probe(gateway, "flood", gateway.flood_frames)[0]
-                rounds[gateway.name].append(figures)
-            rounds[every.name].append({"rate": self.flood_every_output(every)})
-            say(f"round {number + 1}", {name: rounds[name][-1] for name in rounds})
-        self.results["rounds"] = rounds
-        self.results["comparison"] = {
-            name: {figure: statistics.median(one[figure] for one in of) for figure in of[0]}
-            for name, of in rounds.items()}
-
-    def flood_every_output(self, gateway):
-        count = gateway.flood_frames
-        seconds, drained = self.probe(gateway, "flood", count, [PORT + 1])
-        with open(f"{self.folder}/frames.log", "rb") as file:
-            in_file = file.read().count(b",1200003,")
-        if in_file != count or drained < count * 48:
-            raise RuntimeError(f"lost frames: {in_file} of {count} in the file, {drained} bytes at ERAW")
-        return count / seconds
 
     def radios_at_line_rate(self):
         self.results["fleet"] = [self.fleet(count) for count in self.arguments.fleets]
@@ -244,18 +123,6 @@ class Bench:
         say("database", self.results["database"])
 
 
-@contextmanager
-def only_on(core):
-    """Programs started meanwhile run on this core alone."""
-    allowed = os.sched_getaffinity(0)
-    if core in allowed:
-        os.sched_setaffinity(0, {core})
-    try:
-        yield
-    finally:
-        os.sched_setaffinity(0, allowed)
-
-
 def wait_until(condition):
     while not condition():
         time.sleep(0.001)
@@ -279,10 +146,6 @@ def lines_in(path):
         return 0
 
 
-def say(what, figures):
-    print(f"bench: {what}: {json.dumps(figures)}", flush=True)
-
-
 def machine():
     with open("/proc/cpuinfo") as file:
         model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), platform.machine())
@@ -300,7 +163,7 @@ def versions(folder):
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
-    parser.add_argument("parts", nargs="*", help="compare, fleet, idle, start, size, database (all)")
+    parser.add_argument("parts", nargs="*", help="instructions, size, database, start, idle, compare, fleet (all)")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--output", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="short runs, to try the script")
@@ -314,8 +177,8 @@ def main():
         arguments.fleets, arguments.seconds, arguments.idle = [1, 8], 5, 20
 
     bench = Bench(arguments)
-    parts = {"size": bench.size, "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
-             "compare": bench.compare, "fleet": bench.radios_at_line_rate}
+    parts = {"instructions": lambda: instructions.measure(bench), "size": bench.size, "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
+             "compare": lambda: peers.compare(bench), "fleet": bench.radios_at_line_rate}
     for name, part in parts.items():
         if not arguments.parts or name in arguments.parts:
             part()

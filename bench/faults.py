@@ -1,12 +1,14 @@
 """What can go wrong around the daemon. A fault runs in a thread of its own; faults of one family never overlap."""
 
 import os
+import re
 import shutil
 import signal
 import subprocess
 import time
 
-from rig import connect, copy_rows, wait_for
+from cloudfaults import CloudFaults
+from rig import connect, copy_rows, filled_disk, wait_for
 
 TCP = ("RAW", "ERAW")
 ALL = TCP + ("FILE", "GCP")
@@ -28,8 +30,7 @@ class Faults:
         kinds = {
             "radio": {"unplug mid-frame": self.unplug, "speed change": self.change_speed},
             "rubbish": {kind: lambda kind=kind: self.rubbish(kind) for kind in RUBBISH},
-            "cloud": {f"token server: {mode}": lambda mode=mode: self.token_server(mode)
-                      for mode in ("401", "403", "500", "rubbish", "slow", "mute")},
+            "cloud": CloudFaults(soak).kinds,
             "database": {"database locked": self.lock, "database deleted": self.delete,
                          "database replaced": self.replace},
             "daemon": {"SIGTERM": lambda: self.restart(signal.SIGTERM),
@@ -42,7 +43,9 @@ class Faults:
             kinds[output] = {f"{output}: {name}": lambda output=output, way=way: way(output) for name, way in (
                 ("closes", self.close), ("resets", self.reset), ("stops reading", self.stall),
                 ("absent", self.vanish), ("drops packets", self.drop_packets))}
-        self.kinds = kinds
+        chosen = re.compile(soak.arguments.only)
+        self.kinds = {family: {kind: fault for kind, fault in of.items() if chosen.search(kind)}
+                      for family, of in kinds.items()}
 
     def pause(self, low, high):
         time.sleep(self.random.uniform(low, high))
@@ -123,17 +126,6 @@ class Faults:
         self.pause(3, 12)
         sink.stalled.clear()
 
-    # Cloud
-
-    def token_server(self, mode):
-        cloud = self.soak.cloud
-        cloud.mode = mode
-        cloud.expire_token()
-        self.pause(5, 12)
-        cloud.mode = "ok"
-        wait_for(lambda: cloud.accepted > 0 or not self.soak.anyone_ready(), 120, "a token")
-        time.sleep(3)  # what was postponed goes out a second after an accepted message
-
     # Database
 
     def lock(self):
@@ -153,32 +145,21 @@ class Faults:
         os.replace(self.soak.database + ".new", self.soak.database)
 
     def make_read_only(self):
+        """What is opened from now on is; the kernel would refuse it for a file that is open for writing."""
         folder = os.path.dirname(self.soak.database)
-        for _ in range(100):  # the kernel refuses while the daemon has the file open
-            if subprocess.run(["mount", "-o", "remount,bind,ro", folder], capture_output=True).returncode == 0:
-                break
-            time.sleep(0.05)
-        else:
-            return False
-        self.pause(2, 4)
-        subprocess.run(["mount", "-o", "remount,bind,rw", folder], check=True)
+        subprocess.run(["mount", "--bind", folder, folder], check=True)
+        try:
+            subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
+            self.pause(2, 4)
+        finally:
+            subprocess.run(["umount", "-l", folder], check=True)
 
     # Disk and daemon
 
     def fill_disk(self):
         close = self.soak.ledger.open_window("disk full", ("FILE",))
-        filler = os.path.join(os.path.dirname(self.soak.file_path), "filler")
-        try:
-            with open(filler, "wb", buffering=0) as file:
-                for size in (65536, 4096, 1):
-                    try:
-                        while True:
-                            file.write(b"x" * size)
-                    except OSError:
-                        pass
-        finally:
+        with filled_disk(os.path.dirname(self.soak.file_path)):
             self.pause(2, 5)
-            os.remove(filler)
         close()
 
     def restart(self, how):

@@ -1,6 +1,5 @@
 """Who has seen which frame, and why a missing one is missing."""
 
-import bisect
 import re
 import threading
 import time
@@ -14,11 +13,13 @@ class Ledger:
     def __init__(self, outputs):
         self.outputs = outputs
         self.sent = {}  # token: time
-        self.received = {output: {} for output in outputs}  # token: time
+        self.heard = {}  # token: time at which the first output had it
+        self.received = {output: {} for output in outputs}  # token: time, in the order of coming
         self.doubled = Counter()
         self.disordered = Counter()
         self.largest_gap = Counter()
         self.largest_delay = Counter()
+        self._missing = {output: {} for output in outputs}  # token: time of sending, oldest first
         self._last_number = {}
         self._last_time = {}
         self._windows = []  # (cause, outputs, radios, start, end); end is None while it is open
@@ -32,13 +33,15 @@ class Ledger:
     def add_sent(self, radio, number):
         token = (radio, number)
         with self._lock:
-            self.sent[token] = self._pending[token] = time.monotonic()
+            self.sent[token] = self._pending[token] = now = time.monotonic()
+            for missing in self._missing.values():
+                missing[token] = now
 
     def unsend(self, radio, number):
         """The radio had no listener: the frame never left it."""
         with self._lock:
-            self.sent.pop((radio, number), None)
-            self._pending.pop((radio, number), None)
+            for tokens in (self.sent, self._pending, *self._missing.values()):
+                tokens.pop((radio, number), None)
 
     def add_received(self, output, data):
         """Takes in what came at an output; returns where the last token ended."""
@@ -55,6 +58,8 @@ class Ledger:
             self.doubled[output] += 1
             return
         seen[token] = now
+        self.heard.setdefault(token, now)
+        self._missing[output].pop(token, None)
         radio, number = token
         if number < self._last_number.get((output, radio), 0):
             self.disordered[output] += 1
@@ -75,13 +80,19 @@ class Ledger:
                     return min(at, now)
             return now
 
-    def in_flight_since(self, output, age=5):
-        """When the oldest frame was sent that other outputs got in the last seconds and this one may still get."""
+    def waiting(self, output, age=float("inf")):
+        """How many frames that were heard in the last seconds this one may still get, and when the oldest was sent."""
         with self._lock:
-            now = time.monotonic()
-            return min((self.sent[token] for other in self.outputs for token, at in self.received[other].items()
-                        if at > now - age and token not in self.received[output]
-                        and not self._cause(output, token, self.sent[token])), default=now)
+            count, now = 0, time.monotonic()
+            since = now
+            for token, at in list(self._missing[output].items()):
+                if self.heard.get(token, 0) < now - age or token not in self.heard:
+                    continue
+                if self._cause(output, token, at):
+                    del self._missing[output][token]
+                else:
+                    count, since = count + 1, min(since, at)
+            return count, since
 
     def open_window(self, cause, outputs, radios=None, since=None):
         """From now on, losses at these outputs have a cause; returns a function that ends the window."""
@@ -121,8 +132,3 @@ class Ledger:
                 if cause is None:
                     unexplained.append(token)
         return causes, unexplained
-
-    def gap_in(self, output, start, end):
-        times = sorted(self.received[output].values())
-        part = [start] + times[bisect.bisect(times, start):bisect.bisect(times, end)] + [end]
-        return max(b - a for a, b in zip(part, part[1:]))

@@ -1,5 +1,6 @@
 """The daemon, the simulated radios and the database file, as a driver handles them."""
 
+import json
 import os
 import queue
 import re
@@ -8,6 +9,7 @@ import sqlite3
 import subprocess
 import threading
 import time
+from contextlib import contextmanager
 
 TICKS = os.sysconf("SC_CLK_TCK")
 TABLES = ("radio_adapters", "port_blacklist", "system_configuration", "data_forwarder", "pending_actions")
@@ -79,9 +81,10 @@ class Daemon:
         self.binary, self.database, self.log = binary, database, log
         self.process = None
 
-    def start(self):
+    def start(self, under=()):
+        """Perhaps under a program that watches it, such as valgrind."""
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([self.binary, "-c", self.database], stderr=log)
+            self.process = subprocess.Popen([*under, self.binary, "-c", self.database], stderr=log)
 
     def stop(self, how=signal.SIGTERM, timeout=120):
         """The exit code; -1000 when it had to be killed. A blocking wait of an output comes first."""
@@ -169,3 +172,24 @@ def copy_rows(source, database):
             store.execute(f"DELETE FROM main.{table}")
             store.execute(f"INSERT INTO main.{table} SELECT * FROM source.{table}")
         store.execute("COMMIT")
+
+
+@contextmanager
+def filled_disk(folder):
+    """A small file system without a byte to spare."""
+    filler = f"{folder}/filler"
+    try:
+        with open(filler, "wb", buffering=0) as file:
+            for size in (65536, 4096, 1):
+                try:
+                    while True:
+                        file.write(b"x" * size)
+                except OSError:
+                    pass
+        yield
+    finally:
+        os.remove(filler)
+
+
+def say(what, figures):
+    print(f"bench: {what}: {json.dumps(figures)}", flush=True)

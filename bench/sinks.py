@@ -1,14 +1,10 @@
-"""The other ends of the outputs, which can be made to fail."""
+"""The other ends of the TCP outputs and of the file, which can be made to fail."""
 
-import base64
-import json
 import os
 import socket
 import struct
-import subprocess
 import threading
 import time
-from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 
 class TcpSink:
@@ -138,80 +134,3 @@ class FileTail(threading.Thread):
             if os.path.exists(self._path):
                 os.truncate(self._path, 0)
             self._position, self._rest = 0, b""
-
-
-class Cloud(ThreadingHTTPServer):
-    """Token endpoint and publish endpoint. A token is good until the next one is asked for."""
-
-    daemon_threads = True
-    request_queue_size = 128
-
-    def __init__(self, take, refuse):
-        super().__init__(("127.0.0.1", 0), CloudRequest)
-        self.take, self.refuse = take, refuse
-        self.mode = "ok"
-        self.generation = 1
-        self.accepted = 0  # publishes with the token of this generation
-        threading.Thread(target=self.serve_forever, daemon=True).start()
-
-    def handle_error(self, request, client_address):
-        pass  # the daemon may end at any time
-
-    def expire_token(self):
-        self.generation += 1
-        self.accepted = 0
-
-    def secret(self):
-        key = subprocess.run(["openssl", "genpkey", "-algorithm", "RSA", "-pkeyopt", "rsa_keygen_bits:2048"],
-                             check=True, capture_output=True, text=True).stdout
-        document = {"project_id": "soak", "private_key_id": "k", "private_key": key, "client_email": "a@example.org",
-                    "token_uri": f"{self.url()}/token"}
-        return base64.b64encode(json.dumps(document).encode()).decode()
-
-    def url(self):
-        return f"http://127.0.0.1:{self.server_address[1]}"
-
-
-class CloudRequest(BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"
-    disable_nagle_algorithm = True
-
-    def log_message(self, *_):
-        pass
-
-    def do_POST(self):
-        body = self.rfile.read(int(self.headers["Content-Length"]))
-        if self.path == "/token":
-            self.answer_token(self.server.mode)
-        else:
-            self.answer_publish(body)
-
-    def answer_token(self, mode):
-        if mode in ("401", "403", "500"):
-            self.reply(int(mode), b"{}")
-        elif mode == "rubbish":
-            self.reply(200, b"\x00<html>" + os.urandom(300))
-        elif mode == "mute":
-            time.sleep(15)
-            self.close_connection = True
-        else:
-            time.sleep(4 if mode == "slow" else 0)
-            self.reply(200, json.dumps({"access_token": f"t{self.server.generation}"}).encode())
-
-    def answer_publish(self, body):
-        text = body.split(b"'data':'")[1].split(b"'")[0]
-        message = json.loads(base64.urlsafe_b64decode(text + b"=" * (-len(text) % 4)))
-        frame = message["rawData"].encode()
-        if self.headers["Authorization"] != f"Bearer t{self.server.generation}":
-            self.server.refuse(frame)
-            self.reply(401, b"{}")
-            return
-        self.server.take(frame)
-        self.server.accepted += 1
-        self.reply(200, b"{}")
-
-    def reply(self, code, body):
-        self.send_response(code)
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        self.wfile.write(body)

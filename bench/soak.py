@@ -15,17 +15,15 @@ import threading
 import time
 from collections import Counter
 
+from cloud import Cloud
 from faults import ALL, Faults, TCP
 from ledger import Ledger
+from outcome import Outcome
 from rig import Daemon, Radios, add_output, add_radios, make_database, wait_for
-from sinks import Cloud, FileTail, TcpSink
+from sinks import FileTail, TcpSink
 
 RADIOS = 8
-RATE = 2.0  # frames per second and radio
 LINE_RATE = 70  # frames per second; more would not go over a line of 38400 bit/s
-LONGEST_WAIT = 75  # s that the outputs' waits may add up to: two writes of 30 s and a connection of 15 s
-GROWTH = 16 * 1024  # KiB of memory that messages held for the cloud and the heap's own ways may cost
-UART_BUFFER = 64 * 1024 + 4096  # bytes that the kernel holds for a serial port before it loses any
 
 
 def isolate():
@@ -37,6 +35,8 @@ def isolate():
 
 
 class Soak:
+    RATE = 2.0  # frames per second and radio
+
     def __init__(self, arguments):
         self.arguments = arguments
         self.random = random.Random(arguments.seed)
@@ -53,15 +53,15 @@ class Soak:
         self.samples = []  # (time, life, resident KiB, open files)
         self.thrown, self.not_thrown = Counter(), Counter()
         self.life = 0
+        self.rate = self.RATE
         self.cpu = 0.0
         self.restarting = threading.Lock()
         self.is_sending = threading.Event()
         self.is_over = False
 
     def mount(self):
-        commands = (["mount", "-t", "tmpfs", "-o", "size=64m", "none", f"{self.folder}/out"],
-                    ["mount", "--bind", f"{self.folder}/db", f"{self.folder}/db"])
-        return all(subprocess.run(command, capture_output=True).returncode == 0 for command in commands)
+        return all(subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64m", "none", f"{self.folder}/{name}"],
+                                  capture_output=True).returncode == 0 for name in ("db", "out"))
 
     def set_up(self):
         make_database(self.daemon)
@@ -98,7 +98,7 @@ class Soak:
         self.radios.forget()
         self.ledger.cut(f"unread at {how.name}", ALL)
         on_its_way = self.ledger.open_window("held in memory when the daemon ended", ("GCP",),
-                                             since=self.ledger.in_flight_since("GCP"))
+                                             since=self.ledger.waiting("GCP", age=5)[1])
         self.cpu += self.daemon.cpu_seconds() if self.daemon.is_running() else 0
         code = self.daemon.stop(how)
         self.tail.rewind()
@@ -135,7 +135,7 @@ class Soak:
     def send(self, radio):
         number = 0
         while not self.is_over:
-            time.sleep(1 / RATE)
+            time.sleep(1 / self.rate)
             with self.sending[radio]:
                 if not self.is_sending.is_set() or not self.radios.is_ready(radio):
                     continue
@@ -149,32 +149,32 @@ class Soak:
     def throw_faults(self, seconds):
         faults = Faults(self)
         busy = {family: threading.Lock() for family in faults.kinds}
+        families = [family for family, kinds in faults.kinds.items() if family != "daemon" and kinds]
         end = time.monotonic() + seconds
-        threads = []
+        threads = {}  # by kind
         next_restart = time.monotonic() + self.random.uniform(60, 120)
         while time.monotonic() < end and not self.problems:
             time.sleep(self.random.uniform(0.5, 3))
-            family = self.random.choice([family for family in faults.kinds if family != "daemon"])
-            if time.monotonic() > next_restart:
+            family = self.random.choice(families)
+            if time.monotonic() > next_restart and faults.kinds["daemon"]:
                 family, next_restart = "daemon", time.monotonic() + self.random.uniform(90, 400)
-                for thread in threads:
+                for thread in threads.values():
                     thread.join()
                 self.let_the_cloud_catch_up()
             if not busy[family].acquire(blocking=False):
                 continue
             kind = self.random.choice(sorted(faults.kinds[family]))
-            thread = threading.Thread(target=self.throw, args=(kind, faults.kinds[family][kind], busy[family]))
-            thread.start()
-            threads = [thread] + [other for other in threads if other.is_alive()]
+            threads[kind] = threading.Thread(target=self.throw, args=(kind, faults.kinds[family][kind], busy[family]))
+            threads[kind].start()
             if family == "daemon":
-                thread.join()
-        for thread in threads:
+                threads[kind].join()
+        for thread in threads.values():
             thread.join()
 
     def let_the_cloud_catch_up(self):
         """So that a restart costs no more than what is on its way."""
         end = time.monotonic() + 60
-        while time.monotonic() < end and self.ledger.in_flight_since("GCP", age=300) < time.monotonic() - 3:
+        while time.monotonic() < end and self.ledger.waiting("GCP", age=300)[1] < time.monotonic() - 3:
             time.sleep(0.2)
 
     def throw(self, kind, fault, busy):
@@ -202,13 +202,14 @@ class Soak:
         time.sleep(15)
         self.is_sending.clear()
         wait_for(lambda: time.monotonic() - self.ledger.backlog_since() < 0.1, 60, "the last frame")
+        self.let_the_cloud_catch_up()
         time.sleep(5)
         self.is_over = True
         idle = self.measure_idle()
         line = self.check_line_rate()
         self.end(signal.SIGTERM)
         self.radios.close()
-        return self.report(idle, line)
+        return Outcome(self).report(idle, line)
 
     def measure_idle(self):
         seconds = 30
@@ -258,71 +259,6 @@ class Soak:
         radio.close()
         return sent, sent - len(arrivals), delay
 
-    # The outcome
-
-    def report(self, idle, line):
-        print(f"\nseed {self.arguments.seed}, {self.arguments.seconds:.0f} s of faults, {self.life} starts\n")
-        print("| fault | thrown |\n|---|---|")
-        for kind, count in sorted(self.thrown.items()):
-            print(f"| {kind} | {count} |")
-        if not self.has_mounts:
-            print("| disk full, database read-only | 0: no mounts allowed here |")
-        print(f"\nFrames sent: {len(self.ledger.sent)}\n")
-        print("| output | received | lost | explained | unexplained | doubled | out of order | largest gap | longest delay |")
-        print("|---|---|---|---|---|---|---|---|---|")
-        causes = {}
-        for output in ALL:
-            causes[output] = self.judge(output)
-        print("\n| lost at | because | frames |\n|---|---|---|")
-        for output in ALL:
-            for cause, count in causes[output].items():
-                print(f"| {output} | {cause or 'UNEXPLAINED'} | {count} |")
-        self.report_resources(idle)
-        self.report_line_rate(*line)
-        for problem in self.problems:
-            print(f"PROBLEM: {problem}")
-        print("\nsoak:", "failed" if self.problems else "clean")
-        if not self.problems:
-            for name in ("db", "out") if self.has_mounts else ():
-                subprocess.run(["umount", "-l", f"{self.folder}/{name}"], check=False)
-            shutil.rmtree(self.folder, ignore_errors=True)
-        else:
-            print(f"the daemon's log is {self.daemon.log}")
-        return 1 if self.problems else 0
-
-    def judge(self, output):
-        causes, unexplained = self.ledger.judge(output)
-        lost, doubled, disordered = sum(causes.values()), self.ledger.doubled[output], self.ledger.disordered[output]
-        print(f"| {output} | {len(self.ledger.received[output])} | {lost} | {lost - len(unexplained)} |"
-              f" {len(unexplained)} | {doubled} | {disordered} | {self.ledger.largest_gap[output]:.1f} s |"
-              f" {self.ledger.largest_delay[output]:.1f} s |")
-        if output == "FILE" and self.ledger.largest_delay[output] > LONGEST_WAIT:
-            self.problems.append("a frame came to the file later than every wait of the outputs explains")
-        if unexplained:
-            some = [f"radio {r + 1} number {n} at {self.ledger.sent[r, n] - self.began:.1f} s" for r, n in unexplained]
-            self.problems.append(f"{output}: nothing explains the loss of {', '.join(some[:10])}")
-        if doubled or (disordered and output != "GCP"):
-            self.problems.append(f"{output}: {doubled} doubled, {disordered} out of order")
-        return causes
-
-    def report_resources(self, idle):
-        settled = [s for s in self.samples if s[1]]
-        print("\n| | start | middle | end |\n|---|---|---|---|")
-        picked = [settled[min(30, len(settled) - 1)], settled[len(settled) // 2], settled[-1]]
-        print("| resident memory, MiB | " + " | ".join(f"{s[2] / 1024:.1f}" for s in picked) + " |")
-        print("| open files | " + " | ".join(str(s[3]) for s in picked) + " |")
-        start, end = picked[0], picked[-1]
-        if end[3] > start[3] + 8 or (end[2] > start[2] + GROWTH and not self.arguments.sanitized):
-            self.problems.append("memory or open files grew")
-        print(f"\nCPU: {self.cpu:.1f} s in all; {idle:.2%} of a core while nothing was sent")
-
-    def report_line_rate(self, sent, lost, delay):
-        held = int(delay * 3840)
-        print(f"\n38400 bit/s at line rate while both TCP targets drop packets: {sent} frames, {lost} lost at the file,"
-              f" latest after {delay:.1f} s ({held} bytes waiting; a serial port's driver holds {UART_BUFFER})")
-        if lost or held > UART_BUFFER:
-            self.problems.append("a line at 38400 bit/s loses frames while TCP targets drop packets")
-
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/soak", description=__doc__)
@@ -332,6 +268,7 @@ def main():
     parser.add_argument("--hours", type=float, default=0.05, help="length of the faults (0.05: three minutes)")
     parser.add_argument("--seed", type=int, default=int(time.time()), help="which faults come when")
     parser.add_argument("--line-seconds", type=int, default=90, help="length of the check at line rate (90)")
+    parser.add_argument("--only", default="", metavar="REGEX", help="throw only faults whose name matches")
     parser.add_argument("--verbose", action="store_true", help="print every fault")
     arguments = parser.parse_args()
     arguments.seconds = arguments.hours * 3600

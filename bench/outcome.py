@@ -1,0 +1,83 @@
+"""What a soak has shown, as tables, and whether it is clean."""
+
+import shutil
+import subprocess
+
+from faults import ALL
+
+LONGEST_WAIT = 75  # s that the outputs' waits may add up to: two writes of 30 s and a connection of 15 s
+GROWTH = 16 * 1024  # KiB of memory that messages held for the cloud and the heap's own ways may cost
+UART_BUFFER = 64 * 1024 + 4096  # bytes that the kernel holds for a serial port before it loses any
+
+
+class Outcome:
+    def __init__(self, soak):
+        self.soak, self.ledger, self.problems = soak, soak.ledger, soak.problems
+        self.arguments = soak.arguments
+
+    def report(self, idle, line):
+        soak = self.soak
+        print(f"\nseed {self.arguments.seed}, {self.arguments.seconds:.0f} s of faults, {soak.life} starts\n")
+        print("| fault | thrown |\n|---|---|")
+        for kind, count in sorted(soak.thrown.items()):
+            print(f"| {kind} | {count} |")
+        if not soak.has_mounts:
+            print("| disk full, database read-only | 0: no mounts allowed here |")
+        self.report_frames()
+        self.report_resources(idle)
+        self.report_line_rate(*line)
+        for problem in self.problems:
+            print(f"PROBLEM: {problem}")
+        print("\nsoak:", "failed" if self.problems else "clean")
+        if self.problems:
+            print(f"the daemon's log is {soak.daemon.log}")
+            return 1
+        for name in ("db", "out") if soak.has_mounts else ():
+            subprocess.run(["umount", "-l", f"{soak.folder}/{name}"], check=False)
+        shutil.rmtree(soak.folder, ignore_errors=True)
+        return 0
+
+    def report_frames(self):
+        print(f"\nFrames sent: {len(self.ledger.sent)}\n")
+        print("| output | received | lost | explained | unexplained | doubled | out of order | largest gap |"
+              " longest delay |\n|---|---|---|---|---|---|---|---|---|")
+        causes = {output: self.judge(output) for output in ALL}
+        print("\n| lost at | because | frames |\n|---|---|---|")
+        for output, of in causes.items():
+            for cause, count in of.items():
+                print(f"| {output} | {cause or 'UNEXPLAINED'} | {count} |")
+
+    def judge(self, output):
+        ledger = self.ledger
+        causes, unexplained = ledger.judge(output)
+        lost, doubled, disordered = sum(causes.values()), ledger.doubled[output], ledger.disordered[output]
+        print(f"| {output} | {len(ledger.received[output])} | {lost} | {lost - len(unexplained)} |"
+              f" {len(unexplained)} | {doubled} | {disordered} | {ledger.largest_gap[output]:.1f} s |"
+              f" {ledger.largest_delay[output]:.1f} s |")
+        if output == "FILE" and ledger.largest_delay[output] > LONGEST_WAIT:
+            self.problems.append("a frame came to the file later than every wait of the outputs explains")
+        if unexplained:
+            some = [f"radio {r + 1} number {n} at {ledger.sent[r, n] - self.soak.began:.1f} s"
+                    for r, n in unexplained[:10]]
+            self.problems.append(f"{output}: nothing explains the loss of {len(unexplained)}: {', '.join(some)}")
+        if doubled or (disordered and output != "GCP"):
+            self.problems.append(f"{output}: {doubled} doubled, {disordered} out of order")
+        return causes
+
+    def report_resources(self, idle):
+        settled = [sample for sample in self.soak.samples if sample[1]]
+        print("\n| | start | middle | end |\n|---|---|---|---|")
+        picked = [settled[min(30, len(settled) - 1)], settled[len(settled) // 2], settled[-1]]
+        print("| resident memory, MiB | " + " | ".join(f"{s[2] / 1024:.1f}" for s in picked) + " |")
+        print("| open files | " + " | ".join(str(s[3]) for s in picked) + " |")
+        start, end = picked[0], picked[-1]
+        if end[3] > start[3] + 8 or (end[2] > start[2] + GROWTH and not self.arguments.sanitized):
+            self.problems.append("memory or open files grew")
+        print(f"\nCPU: {self.soak.cpu:.1f} s in all; {idle:.2%} of a core while nothing was sent")
+
+    def report_line_rate(self, sent, lost, delay):
+        held = int(delay * 3840)
+        print(f"\n38400 bit/s at line rate while both TCP targets drop packets: {sent} frames, {lost} lost at the file,"
+              f" latest after {delay:.1f} s ({held} bytes waiting; a serial port's driver holds {UART_BUFFER})")
+        if lost or held > UART_BUFFER:
+            self.problems.append("a line at 38400 bit/s loses frames while TCP targets drop packets")
