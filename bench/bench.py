@@ -13,14 +13,16 @@ import tempfile
 import time
 from datetime import date
 
+import durable
 import instructions
+import pages
 import peers
+import streaming
 import tables
-from rig import Daemon, Radios, add_output, add_radios, make_database, say, wait_for
+from rig import (LINE_RATE, Daemon, Radios, add_output, add_radios, lines_in, make_database, open_paths, say, wait_for,
+                 wait_until)
 from sinks import TcpSink
 from trace import trace_frames
-
-LINE_RATE = 70  # frames per second and radio at 38400 bit/s
 
 
 class Bench:
@@ -63,12 +65,12 @@ class Bench:
     def line_rate_radios(self, count):
         return Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, count, baud=38400, line_rate=True)
 
-    def identified_radios(self, count):
-        """Radios, the daemon that has identified them and writes to RAW and FILE, and that file's path."""
-        radios = self.line_rate_radios(count)
-        daemon = self.new_daemon(radios.links)
+    def identified_radios(self, count, add_outputs=None, links=(), radios=None):
+        """Radios, the daemon that has identified them and writes to FILE and RAW or others, and the file's path."""
+        radios = radios or self.line_rate_radios(count)
+        daemon = self.new_daemon([*radios.links, *links])
         log = f"{self.folder}/frames.log"
-        add_output(daemon.database, "RAW", "127.0.0.1", TcpSink(len).port)
+        (add_outputs or add_raw)(daemon.database)
         add_output(daemon.database, "FILE", log)
         daemon.start()
         wait_for(radios.all_ready, 120, "identified radios")
@@ -123,27 +125,8 @@ class Bench:
         say("database", self.results["database"])
 
 
-def wait_until(condition):
-    while not condition():
-        time.sleep(0.001)
-
-
-def open_paths(pid):
-    paths = []
-    for name in os.listdir(f"/proc/{pid}/fd"):
-        try:
-            paths.append(os.readlink(f"/proc/{pid}/fd/{name}"))
-        except FileNotFoundError:
-            pass
-    return paths
-
-
-def lines_in(path):
-    try:
-        with open(path, "rb") as file:
-            return file.read().count(b"READ: ")
-    except FileNotFoundError:
-        return 0
+def add_raw(database):
+    add_output(database, "RAW", "127.0.0.1", TcpSink(len).port)
 
 
 def machine():
@@ -163,12 +146,13 @@ def versions(folder):
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
-    parser.add_argument("parts", nargs="*", help="instructions, size, database, start, idle, compare, fleet (all)")
+    parser.add_argument("parts", nargs="*", help="instructions, size, database, start, idle, compare, fleet, durable, stream, console (all)")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--output", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="short runs, to try the script")
     parser.add_argument("--rounds", type=int, default=5, help="rounds of every comparison (5)")
     parser.add_argument("--samples", type=int, default=2000, help="frames of a latency measurement (2000)")
+    parser.add_argument("--only", default="", metavar="REGEX", help="outputs whose instructions are counted (all)")
     parser.add_argument("--document", action="store_true", help="put the tables into docs/benchmarks.md")
     arguments = parser.parse_args()
     arguments.fleets, arguments.seconds, arguments.idle = [1, 8, 32, 64], 60, 300
@@ -177,8 +161,11 @@ def main():
         arguments.fleets, arguments.seconds, arguments.idle = [1, 8], 5, 20
 
     bench = Bench(arguments)
-    parts = {"instructions": lambda: instructions.measure(bench), "size": bench.size, "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
-             "compare": lambda: peers.compare(bench), "fleet": bench.radios_at_line_rate}
+    parts = {"instructions": lambda: instructions.measure(bench), "size": bench.size,
+             "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
+             "compare": lambda: peers.compare(bench), "fleet": bench.radios_at_line_rate,
+             "durable": lambda: durable.measure(bench), "stream": lambda: streaming.measure(bench),
+             "console": lambda: pages.measure(bench)}
     for name, part in parts.items():
         if not arguments.parts or name in arguments.parts:
             part()

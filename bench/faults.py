@@ -8,10 +8,11 @@ import subprocess
 import time
 
 from cloudfaults import CloudFaults
+from pubsubfaults import DISK, PubSubFaults
 from rig import connect, copy_rows, filled_disk, wait_for
 
 TCP = ("RAW", "ERAW")
-ALL = TCP + ("FILE", "GCP")
+ALL = TCP + ("FILE", "GCP", "PUBSUB", "STREAM")
 SPEEDS = (1200, 2400, 4800, 9600, 19200, 38400)
 
 RUBBISH = {  # bytes for radiosim's "raw"
@@ -43,6 +44,14 @@ class Faults:
             kinds[output] = {f"{output}: {name}": lambda output=output, way=way: way(output) for name, way in (
                 ("closes", self.close), ("resets", self.reset), ("stops reading", self.stall),
                 ("absent", self.vanish), ("drops packets", self.drop_packets))}
+        self.also_busy = {}  # kind: another family that must not run meanwhile
+        self.outlives_daemon = set()  # kinds that a restart does not wait for
+        if "PUBSUB" in soak.kinds:
+            kinds["pubsub"] = PubSubFaults(soak).kinds
+            self.also_busy[DISK] = "database"
+            self.outlives_daemon = set(kinds["pubsub"]) - {DISK}
+        if "STREAM" in soak.kinds:
+            kinds["stream"] = {f"stream clients: {name}": way for name, way in soak.rude.ways.items()}
         chosen = re.compile(soak.arguments.only)
         self.kinds = {family: {kind: fault for kind, fault in of.items() if chosen.search(kind)}
                       for family, of in kinds.items()}

@@ -7,11 +7,12 @@ from collections import Counter
 
 TOKEN = re.compile(rb"R(\d\d)N(\d{7})E")  # radio and running number, in every frame of the driver
 SLACK = 0.5  # s between what the driver does and what the daemon sees
+PROMISE = 1.0  # s after which a durable output has what was heard on the disk or at its server
 
 
 class Ledger:
-    def __init__(self, outputs):
-        self.outputs = outputs
+    def __init__(self, outputs, durable=()):
+        self.outputs, self.durable = outputs, durable
         self.sent = {}  # token: time
         self.heard = {}  # token: time at which the first output had it
         self.received = {output: {} for output in outputs}  # token: time, in the order of coming
@@ -19,6 +20,7 @@ class Ledger:
         self.disordered = Counter()
         self.largest_gap = Counter()
         self.largest_delay = Counter()
+        self.kills = []  # times
         self._missing = {output: {} for output in outputs}  # token: time of sending, oldest first
         self._last_number = {}
         self._last_time = {}
@@ -114,6 +116,10 @@ class Ledger:
                 self._excused[output][int(match[1]), int(match[2])] = cause
 
     def _cause(self, output, token, at):
+        if output in self.durable and token in self.heard:
+            # Whatever else happened: nothing excuses a loss but an end without notice right after the hearing.
+            killed = any(kill - PROMISE < self.heard[token] <= kill + PROMISE for kill in self.kills)
+            return "heard in the second before SIGKILL" if killed else None
         if token in self._excused[output]:
             return self._excused[output][token]
         for cause, outputs, radios, start, end in self._windows:

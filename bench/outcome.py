@@ -3,9 +3,11 @@
 import shutil
 import subprocess
 
-from faults import ALL
+from memory import draw
 
 LONGEST_WAIT = 75  # s that the outputs' waits may add up to: two writes of 30 s and a connection of 15 s
+REPEATING = ("PUBSUB",)  # comes at least once, in any order: a number says which order it was
+UNORDERED = ("GCP", *REPEATING)
 GROWTH = 16 * 1024  # KiB of memory that messages held for the cloud and the heap's own ways may cost
 UART_BUFFER = 64 * 1024 + 4096  # bytes that the kernel holds for a serial port before it loses any
 
@@ -24,8 +26,16 @@ class Outcome:
         if not soak.has_mounts:
             print("| disk full, database read-only | 0: no mounts allowed here |")
         self.report_frames()
+        if "PUBSUB" in soak.kinds:
+            self.report_topic()
+        if "STREAM" in soak.kinds:
+            self.report_stream()
+        if soak.watchers:
+            self.report_console()
         self.report_resources(idle)
         self.report_line_rate(*line)
+        if self.arguments.plot:
+            self.plot()
         for problem in self.problems:
             print(f"PROBLEM: {problem}")
         print("\nsoak:", "failed" if self.problems else "clean")
@@ -41,7 +51,7 @@ class Outcome:
         print(f"\nFrames sent: {len(self.ledger.sent)}\n")
         print("| output | received | lost | explained | unexplained | doubled | out of order | largest gap |"
               " longest delay |\n|---|---|---|---|---|---|---|---|---|")
-        causes = {output: self.judge(output) for output in ALL}
+        causes = {output: self.judge(output) for output in self.soak.kinds}
         print("\n| lost at | because | frames |\n|---|---|---|")
         for output, of in causes.items():
             for cause, count in of.items():
@@ -60,9 +70,52 @@ class Outcome:
             some = [f"radio {r + 1} number {n} at {ledger.sent[r, n] - self.soak.began:.1f} s"
                     for r, n in unexplained[:10]]
             self.problems.append(f"{output}: nothing explains the loss of {len(unexplained)}: {', '.join(some)}")
-        if doubled or (disordered and output != "GCP"):
+        if (doubled and output not in REPEATING) or (disordered and output not in UNORDERED):
             self.problems.append(f"{output}: {doubled} doubled, {disordered} out of order")
         return causes
+
+    def report_topic(self):
+        messages = self.soak.topic.messages
+        misplaced = messages.misplaced(self.ledger.received["FILE"])
+        longest_stop = max(self.soak.stops[:-1], default=0)  # at the very last an output may be in a blocking wait
+        answers = ", ".join(f"{code}: {count}" for code, count in sorted(self.soak.topic.answers.items()))
+        print(f"\nPUBSUB: {messages.count} messages of {len(messages.outboxes())} outbox, {messages.doubled} of them again;"
+              f" refusals {answers or 'none'}; longest stop {longest_stop:.1f} s")
+        self.problems += [f"PUBSUB: {problem}" for problem in messages.problems[:10]]
+        if longest_stop > 3 and not self.arguments.sanitized:
+            self.problems.append("PUBSUB: SIGTERM takes more than two seconds")
+        if misplaced:
+            self.problems.append(f"PUBSUB: {len(misplaced)} numbered in another order than heard: {misplaced[:5]}")
+
+    def report_stream(self):
+        listener, rude = self.soak.listener, self.soak.rude
+        print(f"\nSTREAM: joined {listener.joined} times, {listener.lost} records lost by the client that behaves,"
+              f" {rude.lost} by clients that stopped reading")
+        self.problems += [f"STREAM: {problem}" for problem in (listener.problems + rude.problems)[:10]]
+        if listener.lost:
+            self.problems.append("STREAM: the client that behaves was called too slow")
+
+    def report_console(self):
+        watchers = self.soak.watchers
+        sizes = [size / 1024 for _, size in self.soak.console_samples]
+        print(f"\nConsole: {len(watchers)} pages saw {sum(w.records for w in watchers)} records and missed"
+              f" {sum(w.missed for w in watchers)}, {sum(w.states for w in watchers)} states, {sum(w.refused for w in watchers)} refused; resident memory"
+              f" {sizes[len(sizes) // 10]:.1f}, {sizes[len(sizes) // 2]:.1f}, {sizes[-1]:.1f} MiB")
+        self.problems += [f"console: {problem}" for watcher in watchers for problem in watcher.problems[:3]]
+        if sizes[-1] > sizes[len(sizes) // 10] + GROWTH / 1024:
+            self.problems.append("the console's memory grew")
+
+    def plot(self):
+        began, curve, marks = self.soak.began, [], []
+        for (at, life, size, _), previous in zip(self.soak.samples, [None, *self.soak.samples]):
+            if previous and previous[1] != life:
+                curve.append((at - began, None))
+                marks.append(at - began)
+            curve.append((at - began, size))
+        curves = {"quillon": curve}
+        if self.soak.console_samples:
+            curves["quillon-console"] = [(at - began, size) for at, size in self.soak.console_samples]
+        draw(self.arguments.plot, f"Resident memory among faults, seed {self.arguments.seed}", curves, marks)
 
     def report_resources(self, idle):
         settled = [sample for sample in self.soak.samples if sample[1]]

@@ -60,17 +60,20 @@ class Quillon(Gateway):
 
     def __init__(self, bench, outputs=("RAW",)):
         super().__init__(bench)
-        self.outputs = outputs
+        self.outputs, self.database = outputs, None
         if len(outputs) > 1:
             self.name = f"quillon, {' '.join(outputs)}"
 
+    def add_outputs(self, database):
+        targets = {"RAW": ("127.0.0.1", PORT), "ERAW": ("127.0.0.1", PORT + 1),
+                   "FILE": (f"{self.bench.folder}/frames.log",), "STREAM": (f"{self.bench.folder}/stream",)}
+        for kind in self.outputs:
+            add_output(database, kind, *targets[kind])
+
     def start(self, probe):
         daemon = self.bench.new_daemon([self.link])
-        add_output(daemon.database, "RAW", "127.0.0.1", PORT)
-        if "ERAW" in self.outputs:
-            add_output(daemon.database, "ERAW", "127.0.0.1", PORT + 1)
-        if "FILE" in self.outputs:
-            add_output(daemon.database, "FILE", f"{self.bench.folder}/frames.log")
+        self.database = daemon.database
+        self.add_outputs(daemon.database)
         daemon.start()
         self.process = daemon.process
         shown = False
@@ -83,12 +86,11 @@ class Quillon(Gateway):
         time.sleep(0.7)
 
 
-def run_probe(bench, gateway, kind, count, drains=(), cores=(None, None)):
+def run_probe(bench, gateway, kind, count, more=(), cores=(None, None)):
     """Numbers that the probe prints for this gateway; the two may have a core each."""
-    ports = [str(port) for port in drains]
     command = [f"{bench.arguments.bin}/quillon-probe", kind, gateway.link, gateway.role, str(PORT), str(count)]
     with only_on(cores[0]):
-        probe = subprocess.Popen(command + ports, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+        probe = subprocess.Popen(command + [str(one) for one in more], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                  stderr=subprocess.PIPE)
     probe.stderr.readline()
     try:

@@ -1,22 +1,32 @@
-// The two ends of a gateway: a radio on a pseudo-terminal and a TCP socket.
+// The two ends of a gateway: a radio on a pseudo-terminal and a socket.
 //
-//   probe latency LINK accept|connect PORT COUNT    each frame's way from radio to socket, in ns, one a line
-//   probe flood LINK accept|connect PORT COUNT [DRAIN...]    seconds for COUNT frames sent without a pause
+//   probe latency LINK accept|connect PORT COUNT [MS]
+//      each frame's way from radio to socket, in ns, one a line; a frame every so many ms
+//   probe among LINK accept PORT COUNT
+//      the same while other radios speak; last, how many numbered frames of theirs came
+//   probe beside LINK accept PORT COUNT STREAM
+//      the same for the socket and for the stream: two numbers a line
+//   probe flood LINK accept|connect PORT COUNT [DRAIN...]
+//      seconds for COUNT frames sent without a pause
+//   probe clients STREAM COUNT
+//      so many clients of a stream; on a line of input, what each has read
+//   probe stuck STREAM
+//      a client that reads nothing until a line of input comes
 //
 // LINK becomes a link to the radio's device. The radio answers queries; a line on standard input says when to
 // begin. With "accept" the gateway is to connect to PORT, with "connect" it listens there. What comes to the
-// ports DRAIN is read and counted: bytes of each on a line of their own. Frames have 50 bytes.
+// ports DRAIN is read and counted: bytes of each on a line of their own. Frames have 50 bytes. STREAM is the
+// path of a Unix socket, or "http:PORT" for the events of a console.
 
-#include <arpa/inet.h>
+#include "ends.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fcntl.h>
+#include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
-#include <string>
-#include <termios.h>
+#include <sys/socket.h>
 #include <thread>
 #include <time.h>
 #include <unistd.h>
@@ -24,137 +34,34 @@
 
 namespace {
 
-constexpr int frameSize = 50;
 constexpr long intervalNs = 5'000'000; // between the frames whose latency is measured
+constexpr long lineIntervalNs = 1'000'000'000 / 70; // the same at 38400 bit/s
 
-const char *const answers[][2] = {
-    {"*GET,INFO,ESN", "*NTF,INFO,ESN,28940001"},
-    {"*GET,INFO,COMMENT,1", "*NTF,INFO,COMMENT,"},
-    {"*GET,INFO,COMMENT,2", "*NTF,INFO,COMMENT,"},
-    {"*GET,INFO,DREV", "*NTF,INFO,DREV,1.02,DSP"},
-    {"*GET,INFO,REV", "*NTF,INFO,REV,1.0,$AB12,SIM"},
-    {"*GET,INFO,FREV", "*NTF,INFO,FREV,1.00,FRONT"},
-};
-
-[[noreturn]] void fail(const char *what)
+timespec nextTick(timespec due, long interval = intervalNs)
 {
-    std::perror(what);
-    std::exit(1);
+    due.tv_nsec += interval;
+    due.tv_sec += due.tv_nsec / 1'000'000'000;
+    due.tv_nsec %= 1'000'000'000;
+    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+    return due;
 }
 
-long nowNs()
+long sendFrame(int master, const std::string &sent)
 {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1'000'000'000 + now.tv_nsec;
+    const long start = nowNs();
+    if (write(master, sent.data(), sent.size()) != ssize_t(sent.size()))
+        fail("radio");
+    return start;
 }
 
-std::string frame(int number)
-{
-    char digits[16];
-    std::snprintf(digits, sizeof digits, "%07d", number % 10'000'000);
-    return std::string("\x02*NTF,DPMR,RXVCALL,IND,0047312,1200003,") + digits + ",30\x03";
-}
-
-int openRadio(const char *link)
-{
-    const int master = posix_openpt(O_RDWR | O_NOCTTY);
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0)
-        fail("pseudo-terminal");
-    termios settings = {};
-    tcgetattr(master, &settings);
-    cfmakeraw(&settings);
-    tcsetattr(master, TCSANOW, &settings);
-    unlink(link);
-    if (symlink(ptsname(master), link) != 0)
-        fail(link);
-    // Held open, so that the gateway may come and go.
-    if (open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC) < 0)
-        fail("device");
-    return master;
-}
-
-/// Answers queries until the driver says that the measurement begins.
-void beRadio(int master)
-{
-    std::string heard;
-    for (;;) {
-        pollfd events[] = {{master, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-        if (poll(events, 2, -1) < 0)
-            fail("poll");
-        if (events[1].revents)
-            return;
-        char bytes[512];
-        const ssize_t count = read(master, bytes, sizeof bytes);
-        if (count <= 0)
-            fail("radio");
-        heard.append(bytes, size_t(count));
-        for (size_t end = heard.find('\x03'); end != std::string::npos; end = heard.find('\x03')) {
-            const std::string line = heard.substr(1, end - 1);
-            heard.erase(0, end + 1);
-            std::fprintf(stderr, "%s\n", line.c_str());
-            for (const auto &answer : answers) {
-                const std::string reply = std::string("\x02") + answer[1] + '\x03';
-                if (line == answer[0] && write(master, reply.data(), reply.size()) < 0)
-                    fail("radio");
-            }
-        }
-    }
-}
-
-int listenOn(int port)
-{
-    const int listener = socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(uint16_t(port));
-    if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0
-        || listen(listener, 1) != 0)
-        fail("listen");
-    return listener;
-}
-
-int connectTo(int port)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(uint16_t(port));
-    for (int tries = 0; tries < 500; ++tries) {
-        const int client = socket(AF_INET, SOCK_STREAM, 0);
-        if (connect(client, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0)
-            return client;
-        close(client);
-        usleep(20'000);
-    }
-    fail("connect");
-}
-
-void drainWaiting(int descriptor)
-{
-    char bytes[65536];
-    for (pollfd event = {descriptor, POLLIN, 0}; poll(&event, 1, 300) > 0;) {
-        if (read(descriptor, bytes, sizeof bytes) <= 0)
-            return;
-    }
-}
-
-void measureLatency(int master, int client, int count)
+void measureLatency(int master, int client, int count, long interval)
 {
     timespec due = {};
     clock_gettime(CLOCK_MONOTONIC, &due);
     for (int number = 1; number <= count; ++number) {
-        due.tv_nsec += intervalNs;
-        due.tv_sec += due.tv_nsec / 1'000'000'000;
-        due.tv_nsec %= 1'000'000'000;
-        clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &due, nullptr);
+        due = nextTick(due, interval);
         const std::string sent = frame(number);
-        const long start = nowNs();
-        if (write(master, sent.data(), sent.size()) != frameSize)
-            fail("radio");
+        const long start = sendFrame(master, sent);
         char received[frameSize];
         if (recv(client, received, frameSize, MSG_WAITALL) != frameSize)
             fail("socket");
@@ -162,6 +69,70 @@ void measureLatency(int master, int client, int count)
         if (sent != std::string(received, frameSize))
             fail("another frame was received");
         std::printf("%ld\n", end - start);
+    }
+}
+
+/// Whether a simulated radio's running number stands in it.
+bool isOthers(const std::string &piece)
+{
+    return piece.find(",N0") != std::string::npos;
+}
+
+void measureAmong(int master, int client, int count)
+{
+    Pieces frames(client, '\x03');
+    long others = 0;
+    timespec due = {};
+    clock_gettime(CLOCK_MONOTONIC, &due);
+    for (int number = 1; number <= count; ++number) {
+        due = nextTick(due, lineIntervalNs);
+        const std::string sent = frame(number);
+        const long start = sendFrame(master, sent);
+        for (std::optional<std::string> piece; !piece || *piece + '\x03' != sent;) {
+            piece = frames.next();
+            if (!piece)
+                frames.read();
+            others += piece && isOthers(*piece);
+        }
+        std::printf("%ld\n", nowNs() - start);
+    }
+    std::fprintf(stderr, "measured\n");
+    while (frames.waits(3000)) {
+        frames.read();
+        while (const std::optional<std::string> piece = frames.next())
+            others += isOthers(*piece);
+    }
+    std::printf("%ld\n", others);
+}
+
+/// When the piece with this text has come at one and at the other, beginning with whichever is first.
+void measureBeside(int master, int client, int stream, int count)
+{
+    Pieces both[] = {{client, '\x03'}, {stream, '\n'}};
+    timespec due = {};
+    clock_gettime(CLOCK_MONOTONIC, &due);
+    for (int number = 1; number <= count; ++number) {
+        due = nextTick(due);
+        const std::string sent = frame(number);
+        const std::string text = sent.substr(1, sent.size() - 2);
+        const long start = sendFrame(master, sent);
+        long taken[] = {0, 0};
+        while (!taken[0] || !taken[1]) {
+            pollfd events[] = {{client, POLLIN, 0}, {stream, POLLIN, 0}};
+            if (poll(events, 2, 10'000) <= 0)
+                fail("frame did not come");
+            for (int i = 0; i < 2; ++i) {
+                if (!events[i].revents)
+                    continue;
+                both[i].read();
+                const long now = nowNs();
+                while (const std::optional<std::string> piece = both[i].next()) {
+                    if (piece->find(text) != std::string::npos)
+                        taken[i] = now - start;
+                }
+            }
+        }
+        std::printf("%ld %ld\n", taken[0], taken[1]);
     }
 }
 
@@ -206,17 +177,56 @@ void countBytes(int listener, long *bytes)
         count = read(client, received, sizeof received);
 }
 
-} // namespace
-
-int main(int argc, char *argv[])
+/// Reads the records of all clients until a line of input comes; then frames and gaps of each, one client a
+/// line.
+void beClients(const char *path, int count)
 {
-    if (argc < 6)
-        return 2;
+    struct Client
+    {
+        Pieces records;
+        long frames;
+        long gaps;
+    };
+    std::vector<Client> clients;
+    std::vector<pollfd> events{{STDIN_FILENO, POLLIN, 0}};
+    for (int i = 0; i < count; ++i) {
+        clients.push_back({Pieces(joinStream(path), '\n'), 0, 0});
+        events.push_back({clients.back().records.descriptor(), POLLIN, 0});
+    }
+    std::fprintf(stderr, "ready\n");
+    while (poll(events.data(), events.size(), -1) > 0 && !events.front().revents) {
+        for (size_t i = 0; i < clients.size(); ++i) {
+            if (!events[i + 1].revents)
+                continue;
+            Client &client = clients[i];
+            client.records.read();
+            while (const std::optional<std::string> line = client.records.next()) {
+                client.frames += line->find("\"record\":\"frame\"") != std::string::npos;
+                client.gaps += line->find("\"record\":\"lost\"") != std::string::npos
+                    || line->find("event: missed") != std::string::npos;
+            }
+        }
+    }
+    for (const Client &client : clients)
+        std::printf("%ld %ld\n", client.frames, client.gaps);
+}
+
+void beStuck(const char *path)
+{
+    joinStream(path);
+    std::fprintf(stderr, "ready\n");
+    std::getchar();
+}
+
+/// A radio, and the listeners of the outputs.
+void measure(int argc, char *argv[])
+{
+    const std::string kind = argv[1];
     const bool accepts = std::strcmp(argv[3], "accept") == 0;
     const int port = std::atoi(argv[4]);
     const int count = std::atoi(argv[5]);
     std::vector<long> drained(size_t(argc), 0);
-    for (int i = 6; i < argc; ++i)
+    for (int i = 6; kind == "flood" && i < argc; ++i)
         std::thread(countBytes, listenOn(std::atoi(argv[i])), &drained[size_t(i)]).detach();
     const int listener = accepts ? listenOn(port) : -1;
     const int master = openRadio(argv[2]);
@@ -226,16 +236,36 @@ int main(int argc, char *argv[])
     const int client = accepts ? accept(listener, nullptr, nullptr) : connectTo(port);
     const int on = 1;
     setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    drainWaiting(client);
-    if (std::strcmp(argv[1], "latency") == 0)
-        measureLatency(master, client, count);
+    if (kind != "among")
+        drainWaiting(client);
+    if (kind == "latency")
+        measureLatency(master, client, count, argc > 6 ? std::atol(argv[6]) * 1'000'000 : intervalNs);
+    else if (kind == "among")
+        measureAmong(master, client, count);
+    else if (kind == "beside")
+        measureBeside(master, client, joinStream(argv[6]), count);
     else
         flood(master, client, count);
-    if (argc > 6)
+    if (kind == "flood" && argc > 6)
         usleep(500'000);
-    for (int i = 6; i < argc; ++i)
+    for (int i = 6; kind == "flood" && i < argc; ++i)
         std::printf("%ld\n", drained[size_t(i)]);
     std::fflush(stdout);
     unlink(argv[2]);
     std::_Exit(0);
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    const std::string kind = argc > 1 ? argv[1] : "";
+    if (kind == "clients" && argc == 4)
+        beClients(argv[2], std::atoi(argv[3]));
+    else if (kind == "stuck" && argc == 3)
+        beStuck(argv[2]);
+    else if (argc >= 6)
+        measure(argc, argv);
+    else
+        return 2;
 }

@@ -5,12 +5,14 @@ import os
 import queue
 import re
 import signal
+import socket
 import sqlite3
 import subprocess
 import threading
 import time
 from contextlib import contextmanager
 
+LINE_RATE = 70  # frames per second and radio at 38400 bit/s
 TICKS = os.sysconf("SC_CLK_TCK")
 TABLES = ("radio_adapters", "port_blacklist", "system_configuration", "data_forwarder", "pending_actions")
 
@@ -74,17 +76,16 @@ class Radios:
         self.process.wait()
 
 
-class Daemon:
-    """The daemon as a child process; its log goes to a file."""
+class Process:
+    """A child process, and what the kernel knows of it."""
 
-    def __init__(self, binary, database, log):
-        self.binary, self.database, self.log = binary, database, log
+    def __init__(self, log):
+        self.log = log
         self.process = None
 
-    def start(self, under=()):
-        """Perhaps under a program that watches it, such as valgrind."""
+    def run(self, command):
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([*under, self.binary, "-c", self.database], stderr=log)
+            self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log)
 
     def stop(self, how=signal.SIGTERM, timeout=120):
         """The exit code; -1000 when it had to be killed. A blocking wait of an output comes first."""
@@ -95,11 +96,6 @@ class Daemon:
             self.process.kill()
             self.process.wait()
             return -1000
-
-    def connections(self, port):
-        """How often the log says that an output has connected to this port."""
-        with open(self.log, "rb") as log:
-            return log.read().count(b": %d ] socket connected" % port)
 
     def is_running(self):
         return self.process is not None and self.process.poll() is None
@@ -114,8 +110,30 @@ class Daemon:
         with open(f"/proc/{self.process.pid}/status") as file:
             return int(re.search(rf"^{key}:\s+(\d+)", file.read(), re.M)[1])
 
+    def bytes_written(self):
+        """What the process has handed to the disk, whole pages of files that it changed."""
+        with open(f"/proc/{self.process.pid}/io") as file:
+            return int(re.search(r"^write_bytes: (\d+)", file.read(), re.M)[1])
+
     def open_files(self):
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+
+class Daemon(Process):
+    """The daemon; its log goes to a file."""
+
+    def __init__(self, binary, database, log):
+        super().__init__(log)
+        self.binary, self.database = binary, database
+
+    def start(self, under=()):
+        """Perhaps under a program that watches it, such as valgrind."""
+        self.run([*under, self.binary, "-c", self.database])
+
+    def connections(self, port):
+        """How often the log says that an output has connected to this port."""
+        with open(self.log, "rb") as log:
+            return log.read().count(b": %d ] socket connected" % port)
 
 
 def wait_for(condition, timeout, what):
@@ -124,6 +142,12 @@ def wait_for(condition, timeout, what):
         if time.monotonic() > end:
             raise TimeoutError(f"{what}: not within {timeout} s")
         time.sleep(0.05)
+
+
+def free_port():
+    with socket.socket() as any_socket:
+        any_socket.bind(("127.0.0.1", 0))
+        return any_socket.getsockname()[1]
 
 
 def connect(database, timeout=20):
@@ -172,6 +196,31 @@ def copy_rows(source, database):
             store.execute(f"DELETE FROM main.{table}")
             store.execute(f"INSERT INTO main.{table} SELECT * FROM source.{table}")
         store.execute("COMMIT")
+
+
+def wait_until(condition, timeout=float("inf")):
+    """Looks closely; returns when the time is over, too."""
+    end = time.monotonic() + timeout
+    while not condition() and time.monotonic() < end:
+        time.sleep(0.001)
+
+
+def open_paths(pid):
+    paths = []
+    for name in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            paths.append(os.readlink(f"/proc/{pid}/fd/{name}"))
+        except FileNotFoundError:
+            pass
+    return paths
+
+
+def lines_in(path):
+    try:
+        with open(path, "rb") as file:
+            return file.read().count(b"READ: ")
+    except FileNotFoundError:
+        return 0
 
 
 @contextmanager

@@ -16,11 +16,14 @@ import time
 from collections import Counter
 
 from cloud import Cloud
-from faults import ALL, Faults, TCP
+from console import Console, Watcher
+from faults import ALL, Faults, RUBBISH, TCP
 from ledger import Ledger
 from outcome import Outcome
-from rig import Daemon, Radios, add_output, add_radios, make_database, wait_for
+from pubsub import PubSub
+from rig import Daemon, Radios, add_output, add_radios, free_port, make_database, wait_for
 from sinks import FileTail, TcpSink
+from streams import Listener, Rude
 
 RADIOS = 8
 LINE_RATE = 70  # frames per second; more would not go over a line of 38400 bit/s
@@ -47,20 +50,24 @@ class Soak:
         self.database = f"{self.folder}/db/quillon.sqlite"
         self.template = f"{self.folder}/template.sqlite"
         self.file_path = f"{self.folder}/out/frames.log"
-        self.ledger = Ledger(ALL)
+        self.kinds = [kind for kind in ALL if kind not in arguments.without.split(",")]
+        self.ledger = Ledger(self.kinds, durable=("PUBSUB",))
         self.daemon = Daemon(f"{arguments.bin}/quillon", self.database, f"{self.folder}/daemon.log")
+        self.console = None
         self.problems = []
         self.samples = []  # (time, life, resident KiB, open files)
+        self.console_samples = []  # (time, resident KiB)
         self.thrown, self.not_thrown = Counter(), Counter()
         self.life = 0
         self.rate = self.RATE
         self.cpu = 0.0
+        self.stops = []  # s that each end of the daemon took
         self.restarting = threading.Lock()
         self.is_sending = threading.Event()
         self.is_over = False
 
     def mount(self):
-        return all(subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64m", "none", f"{self.folder}/{name}"],
+        return all(subprocess.run(["mount", "-t", "tmpfs", "-o", "size=128m", "none", f"{self.folder}/{name}"],
                                   capture_output=True).returncode == 0 for name in ("db", "out"))
 
     def set_up(self):
@@ -75,14 +82,28 @@ class Soak:
         add_output(self.database, "FILE", self.file_path)
         add_output(self.database, "DUOS")
         add_output(self.database, "GCP", self.cloud.url(), 0, self.cloud.secret(), "topic")
+        if "PUBSUB" in self.kinds:
+            self.topic = PubSub(lambda frames: ledger.add_received("PUBSUB", frames))
+            add_output(self.database, "PUBSUB", self.topic.url(), 0, self.topic.secret(), "topic")
+        if "STREAM" in self.kinds:
+            self.set_up_streams()
         self.radios = Radios(f"{self.arguments.bin}/quillon-radiosim", self.folder, RADIOS)
         self.speeds = [19200] * RADIOS
         self.sending = [threading.Lock() for _ in range(RADIOS)]
         add_radios(self.database, self.radios.links)
         shutil.copyfile(self.database, self.template)
+        self.console = Console(f"{self.arguments.bin}/quillon-console", self.database, f"{self.folder}/console.log")
+        self.watchers = []
         threading.Thread(target=self.sample, daemon=True).start()
         for radio in range(RADIOS):
             threading.Thread(target=self.send, args=(radio,), daemon=True).start()
+
+    def set_up_streams(self):
+        path, address = f"{self.folder}/stream", ("127.0.0.1", free_port())
+        add_output(self.database, "STREAM", path)
+        add_output(self.database, "STREAM", *address)
+        self.listener = Listener(path, lambda text: self.ledger.add_received("STREAM", text))
+        self.rude = Rude((path, address), lambda: self.radios.command(f"raw:1 {RUBBISH['frame of 60 KiB'](self.random)}"))
 
     def anyone_ready(self):
         return any(self.radios.is_ready(radio) for radio in range(RADIOS))
@@ -100,7 +121,11 @@ class Soak:
         on_its_way = self.ledger.open_window("held in memory when the daemon ended", ("GCP",),
                                              since=self.ledger.waiting("GCP", age=5)[1])
         self.cpu += self.daemon.cpu_seconds() if self.daemon.is_running() else 0
+        begin = time.monotonic()
+        if how == signal.SIGKILL:
+            self.ledger.kills.append(begin)
         code = self.daemon.stop(how)
+        self.stops.append(time.monotonic() - begin)
         self.tail.rewind()
         on_its_way()
         if code != (0 if how == signal.SIGTERM else -signal.SIGKILL):
@@ -109,10 +134,13 @@ class Soak:
     def restart(self, how):
         with self.restarting:
             connections = {name: self.daemon.connections(sink.port) for name, sink in self.sinks.items()}
-            close = self.ledger.open_window("not connected", TCP)
+            close = self.ledger.open_window("not connected", TCP + ("STREAM",))
+            joined = self.listener.joined if "STREAM" in self.kinds else 0
             self.end(how)
             self.start()
             wait_for(self.anyone_ready, 200, "an identified radio")
+            if "STREAM" in self.kinds:
+                wait_for(lambda: self.listener.joined > joined, 30, "the stream's listener")
             wait_for(lambda: all(self.daemon.connections(self.sinks[name].port) > connections[name] for name in TCP),
                      200, "connections")
             close()
@@ -123,10 +151,15 @@ class Soak:
                 try:
                     self.samples.append((time.monotonic(), self.life, self.daemon.status("VmRSS"),
                                          self.daemon.open_files()))
+                    if self.console.is_running():
+                        self.console_samples.append((time.monotonic(), self.console.status("VmRSS")))
                 except (FileNotFoundError, ProcessLookupError, TypeError, AttributeError):
                     pass
             if self.life and not self.restarting.locked() and not self.daemon.is_running():
                 self.problems.append(f"the daemon ended by itself with code {self.daemon.process.returncode}")
+                return
+            if self.console.process and not self.console.is_running():
+                self.problems.append(f"the console ended by itself with code {self.console.process.returncode}")
                 return
             time.sleep(1)
 
@@ -158,13 +191,20 @@ class Soak:
             family = self.random.choice(families)
             if time.monotonic() > next_restart and faults.kinds["daemon"]:
                 family, next_restart = "daemon", time.monotonic() + self.random.uniform(90, 400)
-                for thread in threads.values():
-                    thread.join()
+                for kind, thread in threads.items():
+                    if kind not in faults.outlives_daemon:
+                        thread.join()
                 self.let_the_cloud_catch_up()
             if not busy[family].acquire(blocking=False):
                 continue
             kind = self.random.choice(sorted(faults.kinds[family]))
-            threads[kind] = threading.Thread(target=self.throw, args=(kind, faults.kinds[family][kind], busy[family]))
+            held = [busy[family]]
+            other = busy.get(faults.also_busy.get(kind))
+            if other and not other.acquire(blocking=False):
+                busy[family].release()
+                continue
+            held += [other] if other else []
+            threads[kind] = threading.Thread(target=self.throw, args=(kind, faults.kinds[family][kind], held))
             threads[kind].start()
             if family == "daemon":
                 threads[kind].join()
@@ -186,7 +226,8 @@ class Soak:
         except Exception as error:  # pylint: disable=broad-except
             self.problems.append(f"{kind}: {error}")
         finally:
-            busy.release()
+            for lock in busy:
+                lock.release()
 
     # The phases
 
@@ -194,6 +235,9 @@ class Soak:
         self.set_up()
         self.began = time.monotonic()
         self.start()
+        if "console" not in self.arguments.without:
+            self.console.start()
+            self.watchers = [Watcher(self.console) for _ in range(2)]
         wait_for(self.radios.all_ready, 90, "identified radios")
         wait_for(lambda: all(self.daemon.connections(sink.port) for sink in self.sinks.values()), 30, "connections")
         self.is_sending.set()
@@ -203,11 +247,20 @@ class Soak:
         self.is_sending.clear()
         wait_for(lambda: time.monotonic() - self.ledger.backlog_since() < 0.1, 60, "the last frame")
         self.let_the_cloud_catch_up()
+        if "PUBSUB" in self.kinds:  # what a topic refused last is tried again after a minute
+            end = time.monotonic() + 150
+            while time.monotonic() < end and self.ledger.waiting("PUBSUB")[0]:
+                time.sleep(0.2)
         time.sleep(5)
         self.is_over = True
         idle = self.measure_idle()
         line = self.check_line_rate()
         self.end(signal.SIGTERM)
+        if self.watchers:
+            answer = self.console.get("/api/state")
+            if answer.status != 200:
+                self.problems.append(f"the console answers {answer.status} after the last fault")
+            self.console.stop()
         self.radios.close()
         return Outcome(self).report(idle, line)
 
@@ -268,7 +321,9 @@ def main():
     parser.add_argument("--hours", type=float, default=0.05, help="length of the faults (0.05: three minutes)")
     parser.add_argument("--seed", type=int, default=int(time.time()), help="which faults come when")
     parser.add_argument("--line-seconds", type=int, default=90, help="length of the check at line rate (90)")
+    parser.add_argument("--without", default="", metavar="KINDS", help="leave these out: outputs or console, such as PUBSUB,console")
     parser.add_argument("--only", default="", metavar="REGEX", help="throw only faults whose name matches")
+    parser.add_argument("--plot", metavar="FILE", help="draw memory over time as SVG")
     parser.add_argument("--verbose", action="store_true", help="print every fault")
     arguments = parser.parse_args()
     arguments.seconds = arguments.hours * 3600
@@ -282,8 +337,9 @@ def main():
         return soak.run()
     except Exception as error:
         print(f"soak: failed: {error}; see {soak.daemon.log}", *soak.problems, sep="\n")
-        if soak.daemon.is_running():
-            soak.daemon.process.kill()
+        for program in (soak.daemon, soak.console):
+            if program and program.is_running():
+                program.process.kill()
         return 1
 
 

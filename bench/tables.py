@@ -1,18 +1,16 @@
 """The figures of a run as Markdown."""
 
+from outputtables import console, durable, instructions, load, stream, table
+
 BEGIN, END = "<!-- figures: begin -->", "<!-- figures: end -->"
-
-
-def table(head, rows):
-    return "\n".join(["| " + " | ".join(head) + " |", "|" + "---|" * len(head)]
-                     + ["| " + " | ".join(row) + " |" for row in rows]) + "\n"
 
 
 def render(results):
     parts = [f"Measured on {results['date']}: {results['machine']}; "
              + ", ".join(f"{name} {version}" for name, version in results["versions"].items()) + ".\n"]
     for key, renderer in (("comparison", comparison), ("fleet", fleet), ("idle", idle), ("start", start),
-                          ("size", size), ("database", database), ("instructions", instructions)):
+                          ("size", size), ("database", database), ("instructions", instructions), ("durable", durable), ("load", load),
+                          ("stream", stream), ("console", console)):
         if key in results:
             parts.append(renderer(results[key]))
     if {"comparison", "fleet", "idle"} <= results.keys():
@@ -87,11 +85,6 @@ def size(figure):
 def database(figures):
     return "### Database work per frame (RAW and FILE connected)\n\n" + table(
         ["system calls", "per frame"], [[name, f"{value:.2f}"] for name, value in figures.items()])
-
-
-def instructions(figures):
-    return "### Instructions per frame (valgrind; a dPMR call)\n\n" + table(
-        ["outputs", "instructions"], [[name, f"{value:,.0f}"] for name, value in figures.items()])
 
 
 def put_into(path, text):
