@@ -144,9 +144,14 @@ def versions(folder):
             "Qt": package("libqt5core5a"), "SQLite": package("libsqlite3-0")}
 
 
+PARTS = {"instructions": instructions.measure, "size": Bench.size, "database": Bench.database_work,
+         "start": Bench.start_up, "idle": Bench.idle, "compare": peers.compare, "fleet": Bench.radios_at_line_rate,
+         "durable": durable.measure, "stream": streaming.measure, "console": pages.measure}
+
+
 def main():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
-    parser.add_argument("parts", nargs="*", help="instructions, size, database, start, idle, compare, fleet, durable, stream, console (all)")
+    parser.add_argument("parts", nargs="*", metavar="PART", help=", ".join(PARTS) + " (all)")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--output", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="short runs, to try the script")
@@ -161,14 +166,9 @@ def main():
         arguments.fleets, arguments.seconds, arguments.idle = [1, 8], 5, 20
 
     bench = Bench(arguments)
-    parts = {"instructions": lambda: instructions.measure(bench), "size": bench.size,
-             "database": bench.database_work, "start": bench.start_up, "idle": bench.idle,
-             "compare": lambda: peers.compare(bench), "fleet": bench.radios_at_line_rate,
-             "durable": lambda: durable.measure(bench), "stream": lambda: streaming.measure(bench),
-             "console": lambda: pages.measure(bench)}
-    for name, part in parts.items():
+    for name, part in PARTS.items():
         if not arguments.parts or name in arguments.parts:
-            part()
+            part(bench)
     shutil.rmtree(bench.folder, ignore_errors=True)
     with open(f"{arguments.output}.json", "w") as file:
         json.dump(bench.results, file, indent=2)

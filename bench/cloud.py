@@ -60,8 +60,11 @@ class CloudRequest(BaseHTTPRequestHandler):
     def do_POST(self):
         # Over TLS a request is one segment. Without, its body comes only when its header is acknowledged.
         self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 1)
-        body = self.rfile.read(int(self.headers["Content-Length"]))
-        if self.path == "/token":
+        length = int(self.headers["Content-Length"])
+        body = self.rfile.read(length)
+        if len(body) < length:
+            self.close_connection = True  # the daemon has ended
+        elif self.path == "/token":
             self.answer_token(self.server.token_mode)
         else:
             self.answer_publish(body)

@@ -173,7 +173,7 @@ def time_to_scan(daemon, radios):
 def fill(database):
     """Copies the newest message of the outbox until there are a million."""
     with sqlite3.connect(database) as store:
-        store.execute("INSERT INTO system_configuration (key, value) VALUES ('outbox_limit', '4096')")
+        store.execute("INSERT INTO system_configuration (name, value) VALUES ('outbox_limit', '4096')")
     outbox, = glob.glob(database.removesuffix(".sqlite") + ".outbox-*.sqlite")
     with sqlite3.connect(outbox) as store:
         last, json = store.execute("SELECT sequence, json FROM message ORDER BY sequence DESC LIMIT 1").fetchone()

@@ -21,6 +21,8 @@ RUBBISH = {  # bytes for radiosim's "raw"
     "frame of 60 KiB": lambda random: "\\x02*NTF,DPMR,RXMSG," + random.choice("x,") * 60 * 1024 + "\\x03",
     "NUL bytes": lambda random: "\\x02*NTF,DPMR\\0,RXVCALL\\0\\0,1,2,3\\x03",
     "non-UTF-8 bytes": lambda random: "\\x02*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,\"\\xff\\xfe\\xc3\\x28\\x80\"\\x03",
+    "message of 60 KiB":  # which every output gets
+        lambda random: "\\x02*NTF,DPMR,RXMSG,IND,0047312,1200003,1,30,GPS,\"" + "x" * 60 * 1024 + "\"\\x03",
     "stray delimiters": lambda random: "\\x03\\x02\\x02\\x03\\x03junk\\x02\\x03",
 }
 
@@ -131,7 +133,7 @@ class Faults:
         sink = self.soak.sinks[output]
         sink.stalled.set()
         for _ in range(2):  # enough to fill the buffers, so that the daemon has to wait
-            self.rubbish("frame of 60 KiB")
+            self.rubbish("message of 60 KiB")
         self.pause(3, 12)
         sink.stalled.clear()
 

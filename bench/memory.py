@@ -29,7 +29,8 @@ def draw(path, title, curves, marks=()):
     for number, (name, curve) in enumerate(curves.items()):
         colour = COLOURS[number % len(COLOURS)]
         parts.append(f'<path d="{path_of(curve, x, y)}" fill="none" stroke="{colour}" stroke-width="1.5"/>'
-                     f'<text x="{WIDTH - MARGIN}" y="{20 + 16 * number}" fill="{colour}" text-anchor="end">{name}</text>')
+                     f'<text x="{WIDTH - MARGIN}" y="{20 + 16 * number}" fill="{colour}"'
+                     f' text-anchor="end">{name}</text>')
     note = "MiB resident; a tick at the bottom is a restart of the daemon"
     parts.append(f'<text x="{MARGIN}" y="{HEIGHT - 12}" fill="#555">{note}</text></svg>')
     with open(path, "w") as file:

@@ -103,7 +103,8 @@ class Soak:
         add_output(self.database, "STREAM", path)
         add_output(self.database, "STREAM", *address)
         self.listener = Listener(path, lambda text: self.ledger.add_received("STREAM", text))
-        self.rude = Rude((path, address), lambda: self.radios.command(f"raw:1 {RUBBISH['frame of 60 KiB'](self.random)}"))
+        self.rude = Rude((path, address), lambda: self.radios.command(
+            f"raw:{self.random.randrange(RADIOS) + 1} {RUBBISH['message of 60 KiB'](self.random)}"))
 
     def anyone_ready(self):
         return any(self.radios.is_ready(radio) for radio in range(RADIOS))
@@ -321,7 +322,7 @@ def main():
     parser.add_argument("--hours", type=float, default=0.05, help="length of the faults (0.05: three minutes)")
     parser.add_argument("--seed", type=int, default=int(time.time()), help="which faults come when")
     parser.add_argument("--line-seconds", type=int, default=90, help="length of the check at line rate (90)")
-    parser.add_argument("--without", default="", metavar="KINDS", help="leave these out: outputs or console, such as PUBSUB,console")
+    parser.add_argument("--without", default="", metavar="KINDS", help="leave out outputs or the console: GCP,console")
     parser.add_argument("--only", default="", metavar="REGEX", help="throw only faults whose name matches")
     parser.add_argument("--plot", metavar="FILE", help="draw memory over time as SVG")
     parser.add_argument("--verbose", action="store_true", help="print every fault")

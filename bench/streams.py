@@ -114,12 +114,12 @@ class Rude:
             time.sleep(0.02)
 
     def stop_reading(self):
-        """Until more than it is entitled to waits for it; what it then reads are whole records, and how many it lost."""
+        """Until more waits for it than it may have; what it then reads are whole records, and how many it lost."""
         with self._join() as client:
             records = Records()
             for _ in range(40):  # of 60 KiB each, beside the megabyte and what the kernel holds
                 self._rubbish()
-            time.sleep(3)
+                time.sleep(0.1)
             end = time.monotonic() + 4
             while select.select([client], [], [], max(0, end - time.monotonic()))[0]:
                 data = client.recv(65536)

@@ -9,7 +9,8 @@ def render(results):
     parts = [f"Measured on {results['date']}: {results['machine']}; "
              + ", ".join(f"{name} {version}" for name, version in results["versions"].items()) + ".\n"]
     for key, renderer in (("comparison", comparison), ("fleet", fleet), ("idle", idle), ("start", start),
-                          ("size", size), ("database", database), ("instructions", instructions), ("durable", durable), ("load", load),
+                          ("size", size), ("database", database), ("instructions", instructions),
+                          ("durable", durable), ("load", load),
                           ("stream", stream), ("console", console)):
         if key in results:
             parts.append(renderer(results[key]))
