@@ -21,12 +21,11 @@ from faults import ALL, Faults, RUBBISH, TCP
 from ledger import Ledger
 from outcome import Outcome
 from pubsub import PubSub
-from rig import Daemon, Radios, add_output, add_radios, free_port, make_database, wait_for
+from rig import LINE_RATE, Daemon, Radios, add_output, add_radios, free_port, make_database, wait_for
 from sinks import FileTail, TcpSink
 from streams import Listener, Rude
 
 RADIOS = 8
-LINE_RATE = 70  # frames per second; more would not go over a line of 38400 bit/s
 
 
 def isolate():
