@@ -4,6 +4,7 @@ import shutil
 import subprocess
 
 from memory import draw
+from outputtables import table
 
 LONGEST_WAIT = 75  # s that the outputs' waits may add up to: two writes of 30 s and a connection of 15 s
 REPEATING = ("PUBSUB",)  # comes at least once, in any order: a number says which order it was
@@ -36,6 +37,7 @@ class Outcome:
         self.report_line_rate(*line)
         if self.arguments.plot:
             self.plot()
+        self.report_row(idle)
         for problem in self.problems:
             print(f"PROBLEM: {problem}")
         print("\nsoak:", "failed" if self.problems else "clean")
@@ -121,7 +123,7 @@ class Outcome:
     def report_resources(self, idle):
         settled = [sample for sample in self.soak.samples if sample[1]]
         print("\n| | start | middle | end |\n|---|---|---|---|")
-        picked = [settled[min(30, len(settled) - 1)], settled[len(settled) // 2], settled[-1]]
+        picked = picked_from(settled)
         print("| resident memory, MiB | " + " | ".join(f"{s[2] / 1024:.1f}" for s in picked) + " |")
         print("| open files | " + " | ".join(str(s[3]) for s in picked) + " |")
         start, end = picked[0], picked[-1]
@@ -130,9 +132,27 @@ class Outcome:
             self.problems.append("memory or open files grew")
         print(f"\nCPU: {self.soak.cpu:.1f} s in all; {idle:.2%} of a core while nothing was sent")
 
+    def report_row(self, idle):
+        """For the table of runs in docs/benchmarks.md."""
+        verdicts = {output: self.ledger.judge(output) for output in self.soak.kinds}
+        sizes = [sample[2] / 1024 for sample in self.soak.samples if sample[1]]
+        cells = [str(self.arguments.seed) + (", sanitizers" if self.arguments.sanitized else ""),
+                 f"{sum(self.soak.thrown.values())}", f"{len(self.ledger.sent):,}",
+                 *(f"{sum(causes.values()):,}" for causes, _ in verdicts.values()),
+                 str(sum(len(unexplained) for _, unexplained in verdicts.values())), f"{idle:.2%}",
+                 ", ".join(f"{size:.1f}" for size in picked_from(sizes))]
+        head = ["seed", "faults", "frames sent", *(f"lost at {output}" for output in verdicts), "unexplained",
+                "a core, idle", "MiB at start, middle, end"]
+        print("\n" + table(head, [cells]))
+
     def report_line_rate(self, sent, lost, delay):
         held = int(delay * 3840)
         print(f"\n38400 bit/s at line rate while both TCP targets drop packets: {sent} frames, {lost} lost at the file,"
               f" latest after {delay:.1f} s ({held} bytes waiting; a serial port's driver holds {UART_BUFFER})")
         if lost or held > UART_BUFFER:
             self.problems.append("a line at 38400 bit/s loses frames while TCP targets drop packets")
+
+
+def picked_from(samples):
+    """The start, when the radios have been identified; the middle; the end."""
+    return [samples[min(30, len(samples) - 1)], samples[len(samples) // 2], samples[-1]]

@@ -71,7 +71,7 @@ def idle(bench):
 
 def loaded(bench):
     rounds, behind, missed, last = [], 0, 0, {}
-    count = RATE * bench.arguments.seconds
+    count = RATE * bench.arguments.seconds // 2
     for _ in range(bench.arguments.rounds):
         figures = {}
         for name, pages in (("without", 0), ("with", PAGES)):
