@@ -15,8 +15,8 @@ from sinks import TcpSink
 from streams import Listener
 
 FEW, MANY = 100, 500  # frames of the two runs
-RATE = 70  # frames per second where they do not wait for each other
-AWAY = 0.7  # s that the server needs for a request then
+RATE = 20  # frames per second where they do not wait for each other; valgrind is too slow for a line's 70
+AWAY = 2  # s that the server needs for a request then, so that batches are as large as at a line's rate and 0.7 s
 FRAME = "*NTF,DPMR,RXVCALL,IND,0047312,1200003,N%06d,30"
 
 
@@ -37,7 +37,7 @@ class Arrivals:
 
     def wait_for(self, number):
         with self._new:
-            if not self._new.wait_for(lambda: self.last >= number, 60):
+            if not self._new.wait_for(lambda: self.last >= number, 150):
                 raise TimeoutError(f"frame {number} did not come")
 
 
@@ -94,7 +94,7 @@ def run(bench, frames, add_outputs, waits, seconds=0):
     arrivals = Arrivals()
     add_outputs(bench, daemon.database, arrivals)
     counts = f"{bench.folder}/callgrind.out"
-    daemon.start(under=("valgrind", "--quiet", "--tool=callgrind", "--instr-atstart=no",
+    daemon.start(under=("valgrind", "--quiet", "--tool=callgrind", "--fair-sched=try", "--instr-atstart=no",
                         f"--callgrind-out-file={counts}"))
     try:
         wait_for(radios.all_ready, 300, "identified radios")
