@@ -79,7 +79,8 @@ void TcpDataForwarder::reconnect()
         tryAgainIn(left);
         return;
     }
-    if (!QHostAddress(m_target).isNull()) {
+    if (m_isFound || !QHostAddress(m_target).isNull()) {
+        m_isFound = false;
         connectBlocking();
         return;
     }
@@ -96,6 +97,7 @@ void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
         error(QAbstractSocket::HostNotFoundError);
         giveUpAttempt(QAbstractSocket::HostNotFoundError, QAbstractSocket::tr("Host not found"));
     } else if (const int left = restLeft(); left > 0) { // another output has waited meanwhile
+        m_isFound = true;
         tryAgainIn(left);
     } else {
         connectBlocking();
