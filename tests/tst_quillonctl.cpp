@@ -379,7 +379,8 @@ void TestQuillonctl::showsAndDropsOutboxes()
 void TestQuillonctl::checkFindings()
 {
     const QString key = "UPDATE system_configuration SET value = "_s;
-    const QString radio = "INSERT INTO radio_adapters (method, port, enabled, autobaud) VALUES "_s;
+    const QString radio =
+        "INSERT INTO radio_adapters (method, port, enabled, autobaud, tx_enabled) VALUES "_s;
     const QString output = "INSERT INTO data_forwarder (type, enabled, target) VALUES "_s;
     const QPair<QByteArray, QString> findings[] = {
         {"warning: typo: ", "INSERT INTO system_configuration (name) VALUES ('typo')"_s},
@@ -387,10 +388,11 @@ void TestQuillonctl::checkFindings()
         {"warning: autokill_url: ", key + "'TRUE' WHERE name = 'autokill_enabled'"_s},
         {"warning: schema release: ", key + "'0.21.0' WHERE name = 'bdd_release'"_s},
         {"error: schema release: ", key + "'2.0' WHERE name = 'bdd_release'"_s},
-        {"warning: radio 2 (pts/999): /dev/pts/999 ", radio + "('STATIC', 'pts/999', 1, 1)"_s},
-        {"warning: radio 2 (ttyAMA0): its port is blocked", radio + "('UART', 'ttyAMA0', 1, 1)"_s},
-        {"warning: radio 2 (/dev/ttyUSB7): another row", radio + "('UART', '/dev/ttyUSB7', 0, 1)"_s},
-        {"error: radio 2 (ttyUSB999): its fixed speed", radio + "('UART', 'ttyUSB999', 1, 0)"_s},
+        {"warning: radio 2 (pts/999): /dev/pts/999 ", radio + "('STATIC', 'pts/999', 1, 1, 1)"_s},
+        {"warning: radio 2 (ttyAMA0): its port is blocked", radio + "('UART', 'ttyAMA0', 1, 1, 1)"_s},
+        {"error: radio 2 (ttyUSB998): it is only listened to", radio + "('UART', 'ttyUSB998', 1, 1, 0)"_s},
+        {"warning: radio 2 (/dev/ttyUSB7): another row", radio + "('UART', '/dev/ttyUSB7', 0, 1, 1)"_s},
+        {"error: radio 2 (ttyUSB999): its fixed speed", radio + "('UART', 'ttyUSB999', 1, 0, 1)"_s},
         {"error: output 3 (FOO): ", output + "('FOO', 1, '')"_s},
         {"error: output 3 (RAW): :0 cannot be reached: no host", output + "('RAW', 1, '')"_s},
         {"error: output 1 (GCP): nothing is sent: ",
@@ -411,7 +413,7 @@ void TestQuillonctl::checkFindings()
         QVERIFY(fileBytes() == before);
     }
 
-    m_file->run(radio + "('STATIC', '/etc/shadow', 1, 1)"_s);
+    m_file->run(radio + "('STATIC', '/etc/shadow', 1, 1, 1)"_s);
     m_file->run(output + "('FILE', 1, '/etc/x')"_s);
     QCOMPARE(run("check --user nobody --json"_s), 2);
     for (const char *text :

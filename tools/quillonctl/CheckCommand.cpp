@@ -170,6 +170,9 @@ void Check::checkRadios()
         seen.append(device);
         if (!radio.value(QStringLiteral("enabled")).toBool())
             continue;
+        if (isDeaf(m_file, radio))
+            report(Error, subject, QStringLiteral("it is only listened to, and without a fixed speed"),
+                QStringLiteral("quillonctl radio set %1 --baud RATE").arg(id));
         const QString blocking =
             blockingEntry(port, radio.value(QStringLiteral("method")).toString(), blacklist);
         if (!blocking.isNull())

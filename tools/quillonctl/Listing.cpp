@@ -176,6 +176,13 @@ QStringList blockedPorts(const ConfigFile &file)
     return ports;
 }
 
+bool isDeaf(const ConfigFile &file, const QSqlRecord &radio)
+{
+    return !radio.value(QStringLiteral("tx_enabled")).toBool()
+        && radio.value(QStringLiteral("autobaud")).toBool()
+        && systemValue(file, FORWARD_INVALID_DATA_KEY) != QLatin1String("true");
+}
+
 QString systemValue(const ConfigFile &file, const QString &key)
 {
     for (const QSqlRecord &record : file.rows(QStringLiteral("system_configuration"))) {

@@ -14,6 +14,9 @@ QJsonArray outputRows(const ConfigFile &file);
 QJsonArray pendingRows(const ConfigFile &file);
 /// The names of the ports that are never opened.
 QStringList blockedPorts(const ConfigFile &file);
+/// Whether the daemon drops every frame of a radio: nothing finds out the speed of one that is only listened
+/// to.
+bool isDeaf(const ConfigFile &file, const QSqlRecord &radio);
 /// The value of a system key, or "undefined".
 QString systemValue(const ConfigFile &file, const QString &key);
 

@@ -66,9 +66,18 @@ QString otherRowOf(const ConfigFile &file, const QString &port)
     return {};
 }
 
+void printIfDeaf(const ConfigFile &file, int id)
+{
+    if (isDeaf(file, file.row(table, id)))
+        printLine(QStringLiteral("Nothing finds out the speed of a radio that is only listened to, and its "
+                                 "frames are dropped: quillonctl radio set %1 --baud RATE")
+                      .arg(id));
+}
+
 void printAdded(const ConfigFile &file, int id, const QString &port, bool enabled)
 {
     printLine(QStringLiteral("Radio %1 added on the port %2.").arg(QString::number(id), port));
+    printIfDeaf(file, id);
     const QString other = otherRowOf(file, port);
     if (!other.isEmpty())
         printLine(
@@ -128,7 +137,8 @@ void setRadio(const CommandContext &context, const RadioOptions &options, const 
     const int id = checkedId(options.id);
     if (columns.isEmpty())
         throw CommandError(QStringLiteral("nothing to change: see quillonctl radio set --help"));
-    changeRadio(context.open(ConfigFile::ReadWrite), id, columns);
+    const ConfigFile file = context.open(ConfigFile::ReadWrite);
+    changeRadio(file, id, columns);
     printLine(QStringLiteral(
         "Radio %1 changed. The daemon reads the row when it next opens the port, at the latest "
         "after quillonctl restart.")
@@ -136,6 +146,7 @@ void setRadio(const CommandContext &context, const RadioOptions &options, const 
     printLine(
         QStringLiteral("While it has the port open it may write the former values back: look again with "
                        "quillonctl radio list."));
+    printIfDeaf(file, id);
 }
 
 void removeRadio(const CommandContext &context, const RadioOptions &options)
