@@ -2,6 +2,8 @@
 
 #include <QDebug>
 
+#include <iterator>
+
 namespace {
 
 /// In the order in which they are tried.
@@ -20,9 +22,7 @@ MyQSerialPort::MyQSerialPort()
 
 void MyQSerialPort::resetBaudRates()
 {
-    m_candidateBaudRates.clear();
-    for (const qint32 rate : defaultBaudRates)
-        m_candidateBaudRates.append(rate);
+    m_candidateBaudRates = QList<qint32>(std::begin(defaultBaudRates), std::end(defaultBaudRates));
     setBaudRate(m_candidateBaudRates.first());
 }
 

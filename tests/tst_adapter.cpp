@@ -187,8 +187,7 @@ void TestAdapter::identifiesAndGreets()
     QCOMPARE(m_radio.received().mid(0, expected.size()), expected);
     QVERIFY(m_times.at(0) >= 450); // the first tick
     QVERIFY2(m_times.at(1) - m_times.at(0) < 250, "the command after the ESN goes out at once");
-    QVERIFY2(
-        m_times.at(2) - m_times.at(1) >= 400, "the next one on the next tick, since the display is mute");
+    QVERIFY2(m_times.at(2) - m_times.at(1) >= 400, "the next one on the next tick, as the display is mute");
     QVERIFY2(m_times.at(7) - m_times.at(2) < 250, "every further answer brings the next command at once");
 
     // The frame that identifies the radio comes twice: as the answer, and as a frame of its own.

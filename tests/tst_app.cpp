@@ -109,10 +109,10 @@ void TestApp::lifeUnderSystemd()
 void TestApp::defaultConfigurationAndReboot()
 {
     // In a /tmp and a /sbin of its own: the default file may be in use on this machine, whose own reboot must
-    // be out of reach. The daemon goes along, in case it was built below /tmp itself.
+    // be out of reach. The daemon goes along, in case it was built below /tmp itself; its input is closed.
     const QString shell = "cp \"$1\" '%1/quillon'; mount --bind '%1' \"$(readlink -f /sbin)\";"
                           " test ! -e /sbin/mkfs; grep -q 'rebooted with' /sbin/reboot;"
-                          " mount --bind '%1' /tmp; shift; exec /tmp/quillon \"$@\""_s;
+                          " mount --bind '%1' /tmp; shift; exec /tmp/quillon \"$@\" <&-"_s;
     for (const QStringList &arguments : {QStringList(), QStringList{"-c"_s, {}}}) {
         const TestDatabase file;
         file.writeFile("reboot"_s,
@@ -125,6 +125,7 @@ void TestApp::defaultConfigurationAndReboot()
         QVERIFY(
             daemon.log().startsWith(arguments.isEmpty() ? "Info: Using default configuration\n"_s
                                                         : "Info: Using custom configuration :  \"\"\n"_s));
+        QCOMPARE(QFile::symLinkTarget("/proc/%1/fd/0"_s.arg(daemon.processId())), "/dev/null"_s);
         file.run("INSERT INTO pending_actions (command) VALUES ('REBOOT')"_s);
         QVERIFY(daemon.waitForLog("rebooted with 0 arguments"_s));
         QVERIFY2(!daemon.log().contains(".lock"_s), "a child of the daemon must not keep the next one off");

@@ -142,6 +142,7 @@ void TestConfig::migration()
         QCOMPARE(lines.join(u'\n'), each.logged);
         QCOMPARE(keysAndValues(file), "autokill_enabled=false "_s + each.keys);
         QCOMPARE(outputs(file), each.forwarders);
+        QCOMPARE(file.run("INSERT INTO radio_adapters (esn) VALUES ('0289') RETURNING esn"_s), "0289"_s);
     }
 }
 

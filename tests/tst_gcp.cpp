@@ -195,8 +195,7 @@ void TestGcp::postponedMessagesOutliveTheirRadio()
     emit output.radio->dataSent(text);
     const auto kill = QSharedPointer<AnalogKillCommand>::create(nullptr, "123"_s);
     QCOMPARE(kill->announcedText(), "*SET,5T,TXCODE,123DC"_s);
-    emit output.radio->dataSent(
-        kill); // does not ask it for its text, which would grow, until it is published
+    emit output.radio->dataSent(kill); // is asked for its text, which then grows, when it is published
     MyQSerialPort closedPort;
     text->execute(&closedPort); // a long text moves on; what is published is what was announced
     kill->execute(&closedPort);

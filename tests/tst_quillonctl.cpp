@@ -248,8 +248,8 @@ void TestQuillonctl::listings()
     m_file->run("UPDATE data_forwarder SET context = 'changed' WHERE ids = 1"_s);
     QTRY_VERIFY((out += process.readAllStandardOutput()).contains("changed"));
     ::kill(pid_t(process.processId()), SIGINT);
-    QVERIFY(process.waitForFinished());
-    QVERIFY(process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0);
+    QVERIFY(
+        process.waitForFinished() && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0);
 }
 
 void TestQuillonctl::secretsStayHidden()
