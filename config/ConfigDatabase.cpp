@@ -159,6 +159,12 @@ void ConfigDatabase::closeDatabase()
     m_database.close();
 }
 
+void ConfigDatabase::noteRead(const QSqlQuery &query)
+{
+    const QSqlError error = query.lastError();
+    m_lastReadFailed = error.isValid() && (m_setupFailureLogged || primaryResultCode(error) != SQLITE_ERROR);
+}
+
 void ConfigDatabase::addDiscoveredAdapter(QSharedPointer<RadioAdapterConfig> config)
 {
     const Session session(this);
@@ -227,6 +233,7 @@ QList<QSharedPointer<RadioAdapterConfig>> ConfigDatabase::getRadioAdapters()
         config->esn = query.value(esn).toString();
         adapters.append(config);
     }
+    noteRead(query);
     return adapters;
 }
 
@@ -239,6 +246,7 @@ QStringList ConfigDatabase::getPortBlacklist()
     const int port = query.record().indexOf(QStringLiteral("port"));
     while (query.next())
         ports.append(query.value(port).toString());
+    noteRead(query);
     return ports;
 }
 
@@ -251,6 +259,7 @@ QList<DataForwarderConfig> ConfigDatabase::getDataForwarders()
     const ForwarderReader reader(query);
     while (query.next())
         forwarders.append(reader.current());
+    noteRead(query);
     return forwarders;
 }
 
@@ -298,9 +307,9 @@ QString ConfigDatabase::getSystemConfigurationValue(const QString &name)
     QSqlQuery query;
     query.prepare(QStringLiteral("SELECT * FROM system_configuration WHERE name=:name LIMIT 1"));
     query.bindValue(QStringLiteral(":name"), name);
-    if (!query.exec() || !query.next())
-        return UNDEFINED_VALUE;
-    return query.value(QStringLiteral("value")).toString();
+    const bool found = executePrepared(query) && query.next();
+    noteRead(query);
+    return found ? query.value(QStringLiteral("value")).toString() : UNDEFINED_VALUE;
 }
 
 bool ConfigDatabase::hasPendingActions()

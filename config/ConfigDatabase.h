@@ -32,6 +32,10 @@ public:
 
     /// The path of the file.
     QString path() const { return m_path; }
+    /// Whether the latest read of rows or of a value failed, as it does while another program keeps the file
+    /// locked: its empty result then says nothing of the file. A table that is missing counts as empty,
+    /// unless the file could not be filled.
+    bool lastReadFailed() const { return m_lastReadFailed; }
     /// Opens the file, made anew when it is missing or holds no table; the first call that can also migrates
     /// an older schema. A file that cannot be opened is logged, and the event loop is told to end with code
     /// -1.
@@ -96,6 +100,7 @@ protected:
 private:
     class Session;
 
+    void noteRead(const QSqlQuery &query);
     void prepareFile();
     bool fillNewFile();
     bool fillUnlessFilled(QSqlQuery &query);
@@ -115,6 +120,7 @@ private:
 
     QSqlDatabase m_database;
     QString m_path;
+    bool m_lastReadFailed = false;
     bool m_releaseCheckPending = true;
     QSqlError m_setupError;
     bool m_setupFailureLogged = false;

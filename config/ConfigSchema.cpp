@@ -9,6 +9,8 @@
 #include <QSqlQuery>
 #include <QVariant>
 
+#include <sqlite3.h>
+
 // A resource of a static library has to be asked for by name, outside of any namespace.
 static void initConfigResource()
 {
@@ -64,11 +66,8 @@ bool lookUpKey(QSqlQuery &query, const QString &key)
 /// one that is locked or damaged, or a disk that fails, says nothing of the release.
 bool cannotTellRelease(const QSqlQuery &query)
 {
-    constexpr int primaryCode = 0xff; // SQLite's extended result codes hold the primary one in their low byte
-    constexpr int noSuchTable = 1;
-    constexpr int noDatabase = 26;
-    const int code = query.lastError().nativeErrorCode().toInt() & primaryCode;
-    return code != noSuchTable && code != noDatabase;
+    const int code = primaryResultCode(query.lastError());
+    return code != SQLITE_ERROR && code != SQLITE_NOTADB;
 }
 
 bool execute(QSqlQuery &query, const QString &statement)

@@ -4,6 +4,12 @@
 #include <QSqlError>
 #include <QSqlQuery>
 
+/// SQLite's result code without what extends it; 0 when the database was not open.
+inline int primaryResultCode(const QSqlError &error)
+{
+    return error.nativeErrorCode().toInt() & 0xff;
+}
+
 /// Executes a query that has just been prepared and bound; one whose preparation failed keeps that error.
 inline bool executePrepared(QSqlQuery &query)
 {

@@ -60,6 +60,8 @@ void logStrayOutboxes()
     if (files.isEmpty())
         return;
     const QList<DataForwarderConfig> rows = database->getDataForwarders();
+    if (database->lastReadFailed())
+        return;
     for (auto file = files.cbegin(); file != files.cend(); ++file) {
         const bool hasRow = std::any_of(rows.cbegin(), rows.cend(), [&](const DataForwarderConfig &row) {
             return row.ids == file.key() && row.type == QLatin1String("PUBSUB");

@@ -6,6 +6,7 @@
 #include "serial/SerialAdapter.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QFile>
 #include <QSerialPortInfo>
 #include <QTimer>
@@ -48,14 +49,30 @@ SerialDiscoverer::SerialDiscoverer(QObject *parent) : QObject(parent), m_scanTim
 
 void SerialDiscoverer::initForwarders()
 {
+    m_areForwardersDue = !makeForwarders();
+    m_scanTimer->start();
+}
+
+bool SerialDiscoverer::makeForwarders()
+{
     const QList<DataForwarderConfig> rows = ConfigDatabase::getInstance()->getDataForwarders();
+    noteAccess(!ConfigDatabase::getInstance()->lastReadFailed());
+    if (m_isPutOff)
+        return false;
     for (const DataForwarderConfig &row : rows) {
         if (!row.enabled)
             continue;
         if (const auto forwarder = createForwarder(row))
             m_forwarders.append(forwarder);
     }
-    m_scanTimer->start();
+    return true;
+}
+
+void SerialDiscoverer::noteAccess(bool succeeded)
+{
+    if (!succeeded && !m_isPutOff)
+        qInfo() << "The configuration file cannot be read - new radios and outputs wait";
+    m_isPutOff = !succeeded;
 }
 
 QStringList SerialDiscoverer::availablePortNames() const
@@ -69,21 +86,36 @@ QStringList SerialDiscoverer::availablePortNames() const
 
 void SerialDiscoverer::discover()
 {
+    if (m_areForwardersDue) { // a radio that spoke before would not be heard
+        m_areForwardersDue = !makeForwarders();
+        if (m_areForwardersDue)
+            return;
+    }
+    noteAccess(examinePorts());
+}
+
+bool SerialDiscoverer::examinePorts()
+{
     // First, since a STATIC row may name a device that the system lists, too.
-    const QStringList takenDevices = examineStaticPorts();
+    const std::optional<QStringList> takenDevices = examineStaticPorts();
+    if (!takenDevices)
+        return false;
     QStringList portNames = availablePortNames();
     portNames.removeDuplicates(); // a port that cannot be opened is tried once in a scan
     for (const QString &portName : qAsConst(portNames)) {
-        if (!takenDevices.contains(devicePath(portName)))
-            examinePort(portName, uartMethod);
+        if (!takenDevices->contains(devicePath(portName)) && !examinePort(portName, uartMethod))
+            return false;
     }
+    return true;
 }
 
-QStringList SerialDiscoverer::examineStaticPorts()
+std::optional<QStringList> SerialDiscoverer::examineStaticPorts()
 {
     QStringList devices;
     QStringList portNames;
     const auto rows = ConfigDatabase::getInstance()->getRadioAdapters();
+    if (ConfigDatabase::getInstance()->lastReadFailed())
+        return std::nullopt;
     for (auto row = rows.crbegin(); row != rows.crend(); ++row) {
         const QString device = devicePath((*row)->port);
         if ((*row)->method != staticMethod || devices.contains(device) || !isCharacterDevice(device))
@@ -91,21 +123,29 @@ QStringList SerialDiscoverer::examineStaticPorts()
         devices.prepend(device);
         portNames.prepend((*row)->port);
     }
-    for (const QString &portName : qAsConst(portNames))
-        examinePort(portName, staticMethod);
+    for (const QString &portName : qAsConst(portNames)) {
+        if (!examinePort(portName, staticMethod))
+            return std::nullopt;
+    }
     return devices;
 }
 
-void SerialDiscoverer::examinePort(const QString &portName, const QString &method)
+bool SerialDiscoverer::examinePort(const QString &portName, const QString &method)
 {
-    const QStringList blacklist = ConfigDatabase::getInstance()->getPortBlacklist();
+    ConfigDatabase *database = ConfigDatabase::getInstance();
+    const QStringList blacklist = database->getPortBlacklist();
+    if (database->lastReadFailed())
+        return false;
     if (!blockingEntry(portName, method, blacklist).isNull() || isDriven(portName))
-        return;
+        return true;
     QSharedPointer<RadioAdapterConfig> config = rowOf(portName);
+    if (database->lastReadFailed())
+        return false;
     if (!config)
         config = registerPort(portName);
     if (config->enabled)
         startAdapter(config);
+    return true;
 }
 
 bool SerialDiscoverer::isDriven(const QString &portName) const

@@ -8,6 +8,8 @@
 #include <QSharedPointer>
 #include <QStringList>
 
+#include <optional>
+
 class QTimer;
 class SerialAdapter;
 
@@ -20,7 +22,8 @@ class SerialDiscoverer : public QObject
 public:
     explicit SerialDiscoverer(QObject *parent = nullptr);
 
-    /// Makes one output for each enabled row and starts the scan timer; the first scan comes 5 s later.
+    /// Makes one output for each enabled row and starts the scan timer; the first scan comes 5 s later. While
+    /// the configuration file cannot be read, each scan tries to make the outputs and does nothing else.
     void initForwarders();
 
     /// Hands the same command to every running adapter.
@@ -37,10 +40,15 @@ private slots:
     void adapterStopped();
 
 private:
+    bool makeForwarders();
+    // Each of these yields nothing, or false, as soon as the file cannot be read: whether a port may be
+    // opened is not known then.
+    bool examinePorts();
     /// Looks at the ports of the STATIC rows; yields their devices, which no other row may drive then: not
     /// even where the STATIC row is disabled or its port blocked.
-    QStringList examineStaticPorts();
-    void examinePort(const QString &portName, const QString &method);
+    std::optional<QStringList> examineStaticPorts();
+    bool examinePort(const QString &portName, const QString &method);
+    void noteAccess(bool succeeded);
     bool isDriven(const QString &portName) const;
     QSharedPointer<RadioAdapterConfig> registerPort(const QString &portName) const;
     void startAdapter(const QSharedPointer<RadioAdapterConfig> &config);
@@ -48,4 +56,6 @@ private:
     QList<SerialAdapter *> m_adapters; // in the order in which they were started
     QList<QSharedPointer<DataForwarder>> m_forwarders;
     QTimer *m_scanTimer;
+    bool m_areForwardersDue = false;
+    bool m_isPutOff = false;
 };

@@ -19,11 +19,14 @@ public:
     }
 
     mutable QList<qint64> times; ///< of the scans, in ms
+    std::function<void()> whileListing; ///< what happens when the ports are enumerated
 
 protected:
     QStringList availablePortNames() const override
     {
         times.append(QDateTime::currentMSecsSinceEpoch());
+        if (whileListing)
+            whileListing();
         return m_ports;
     }
 
@@ -52,6 +55,7 @@ private slots:
     void scansForEveryOutput();
     void newPortsAreRegistered();
     void theRowThatDecides();
+    void lockedFileIsWaitedFor();
     void replugging();
     void outputsLearnOfRadios();
 
@@ -156,6 +160,31 @@ void TestDiscoverer::theRowThatDecides()
         m_file.addRadio(each.radio.slavePath());
     m_discoverer->scan(ports); // and nothing is opened twice, under any name
     QCOMPARE(openFiles(), files);
+}
+
+void TestDiscoverer::lockedFileIsWaitedFor()
+{
+    const PluggedRadio radio;
+    const int unopened = radio.lineSpeed();
+    m_file.addForwarder("file"_s, m_file.file("late"_s));
+    m_file.addRadio(radio.portName(), {}, false, "UART"_s);
+    std::optional<FileLock> lock(std::in_place, m_file);
+    LogCapture log;
+    m_discoverer->initForwarders();
+    m_discoverer->scan({radio.portName()});
+    QVERIFY(m_discoverer->times.isEmpty());
+    lock.reset();
+    m_discoverer->whileListing = [&] { lock.emplace(m_file); };
+    m_discoverer->scan({radio.portName(), "ttyUSB999"_s}); // the second one is not even looked at
+    lock.reset();
+    QCOMPARE(radio.lineSpeed(), unopened);
+    QCOMPARE(m_file.run("SELECT count(*) FROM radio_adapters"_s), "1"_s);
+    QCOMPARE(log.count("The configuration file cannot be read"_s), 2);
+
+    m_discoverer->whileListing = {};
+    m_file.run("UPDATE radio_adapters SET enabled = 1"_s);
+    m_discoverer->scan({radio.portName()});
+    QTRY_VERIFY(m_file.readFile("late"_s).contains("READ:"));
 }
 
 void TestDiscoverer::replugging()

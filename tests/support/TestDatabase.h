@@ -104,3 +104,18 @@ public:
 private:
     QTemporaryDir m_folder;
 };
+
+/// Keeps everyone else from reading and writing a database file, as an outside tool may.
+class FileLock
+{
+public:
+    explicit FileLock(const TestDatabase &file)
+    {
+        QSqlDatabase database = QSqlDatabase::addDatabase("QSQLITE"_s, "lock"_s);
+        database.setDatabaseName(file.path());
+        if (!database.open() || !database.exec("BEGIN EXCLUSIVE"_s).isActive())
+            qFatal("%s", qPrintable(database.lastError().text()));
+    }
+    ~FileLock() { QSqlDatabase::removeDatabase("lock"_s); }
+    Q_DISABLE_COPY(FileLock)
+};
