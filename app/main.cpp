@@ -5,7 +5,6 @@
 #include "app/TerminationSignals.h"
 #include "autokill/AutoKill.h"
 #include "config/ConfigDatabase.h"
-#include "config/ConfigKeys.h"
 #include "forwarders/OutboxFiles.h"
 #include "serial/SerialDiscoverer.h"
 
@@ -68,10 +67,8 @@ int main(int argc, char *argv[])
         qCritical() << "Another daemon uses the configuration file - exiting : " << path;
         return alreadyRunningCode;
     }
-    const QString autoKill =
-        ConfigDatabase::getInstance(path)->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
-    if (autoKill.toUpper() == QLatin1String("TRUE"))
-        AutoKill::getInstance()->start();
+    ConfigDatabase::getInstance(path);
+    AutoKill::getInstance()->startIfEnabled();
 
     const auto discoverer = QSharedPointer<SerialDiscoverer>::create();
     discoverer->initForwarders();

@@ -20,6 +20,7 @@ const QString resourcesPath =
     QStringLiteral("/api/ressource?limit=%1&offset=0&type=dpmr&attributeName=autokill&attributeValue=true");
 constexpr int resourcesLimit = 100;
 constexpr int requestTimeout = 60000; // ms
+constexpr int retryDelay = 1000; // ms
 
 bool isServiceAddress(const QUrl &url)
 {
@@ -49,6 +50,20 @@ AutoKill::AutoKill(QObject *parent)
     });
 }
 
+void AutoKill::startIfEnabled()
+{
+    const bool starts = isEnabled();
+    if (ConfigDatabase::getInstance()->lastReadFailed()) {
+        if (!m_isPutOff)
+            qInfo()
+                << "AutoKill : the configuration file cannot be read - whether it is enabled is asked again";
+        m_isPutOff = true;
+        QTimer::singleShot(retryDelay, this, &AutoKill::startIfEnabled);
+    } else if (starts) {
+        start();
+    }
+}
+
 void AutoKill::start()
 {
     m_refreshTimer.stop();
@@ -72,6 +87,11 @@ bool AutoKill::isFlagged(const QString &radioId) const
     // The list first: it is in memory, and hardly any radio stands on it.
     if (!m_flaggedRadios.contains(radioId))
         return false;
+    return isEnabled();
+}
+
+bool AutoKill::isEnabled() const
+{
     const QString enabled = ConfigDatabase::getInstance()->getSystemConfigurationValue(AUTOKILL_ENABLED_KEY);
     return enabled.toUpper() == QLatin1String("TRUE");
 }

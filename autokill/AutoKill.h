@@ -22,6 +22,8 @@ public:
     /// The process-wide instance, made by the first call and never destroyed.
     static AutoKill *getInstance();
 
+    /// Starts when autokill_enabled says so, which is asked again every second while the file cannot be read.
+    void startIfEnabled();
     /// Reads address and credentials from the configuration and logs in at once, then every five minutes.
     /// An address other than "https://host" or "https://host:port", perhaps with a slash at its end, is
     /// logged, and nothing is sent.
@@ -44,6 +46,7 @@ private:
         UnexpectedAnswer = 2,
     };
 
+    bool isEnabled() const;
     bool readServiceAddress();
     QNetworkRequest requestTo(const QString &pathAndQuery) const;
     void waitFor(QNetworkReply *reply);
@@ -60,4 +63,5 @@ private:
     QNetworkAccessManager *m_networkManager = nullptr;
     QPointer<QNetworkReply> m_awaitedReply; // of the latest request; no other one counts
     State m_state = WaitingForLogin;
+    bool m_isPutOff = false;
 };
