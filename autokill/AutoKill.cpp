@@ -2,6 +2,7 @@
 
 #include "config/ConfigDatabase.h"
 #include "config/ConfigKeys.h"
+#include "network/LimitedAnswer.h"
 
 #include <QDebug>
 #include <QJsonArray>
@@ -120,6 +121,7 @@ QNetworkRequest AutoKill::requestTo(const QString &pathAndQuery) const
     // The service expects this text in this header, on purpose, and not in an Accept header.
     request.setHeader(
         QNetworkRequest::ServerHeader, QStringLiteral("accept:application/json; charset=UTF-8"));
+    request.setRawHeader("Accept-Encoding", "identity"); // so that the limit holds for what is unpacked, too
     return request;
 }
 
@@ -145,6 +147,7 @@ void AutoKill::retrieveDeathNote(QString bearer_token)
 void AutoKill::waitFor(QNetworkReply *reply)
 {
     QNetworkReply *overtaken = m_awaitedReply;
+    limitAnswer(reply);
     m_awaitedReply = reply;
     m_giveUpTimer.start();
     if (overtaken) // it would keep one of the few connections to the service busy

@@ -12,8 +12,8 @@ class QNetworkReply;
 
 /// Keeps the list of radios that a resource-management web service flags for automatic kill.
 /// Every five minutes it logs in over HTTPS (TLS 1.3 or later), receives a bearer token and fetches the list.
-/// Each of the two requests is given up after 60 s, which counts as a network error, and ends without a word
-/// when the next cycle begins.
+/// Each of the two requests is given up after 60 s or 1 MiB, which counts as a network error, and ends
+/// without a word when the next cycle begins.
 class AutoKill : public QObject
 {
     Q_OBJECT

@@ -3,6 +3,7 @@
 #include "forwarders/CloudRequests.h"
 #include "forwarders/PublishRequest.h"
 #include "forwarders/ServiceAccount.h"
+#include "network/LimitedAnswer.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -13,8 +13,6 @@ namespace {
 const QString publishedEndpoint = QStringLiteral("https://pubsub.googleapis.com");
 const QString publishPath = QStringLiteral("/v1/projects/%1/topics/%2:publish");
 
-constexpr int longestAnswer = 1024 * 1024; // bytes
-
 /// Whether a token can stand in a header: anything else would let its server write requests of its own.
 bool isHeaderText(const QString &text)
 {
@@ -91,14 +89,6 @@ QNetworkRequest tokenRequest(const QString &tokenUri)
 QByteArray tokenRequestBody(const QByteArray &assertion)
 {
     return "grant_type=urn:ietf:params:oauth:grant-type:jwt-bearer&assertion=" + assertion;
-}
-
-void limitAnswer(QNetworkReply *reply)
-{
-    QObject::connect(reply, &QNetworkReply::downloadProgress, reply, [reply](qint64 received) {
-        if (received > longestAnswer)
-            reply->abort();
-    });
 }
 
 QByteArray answerOf(QNetworkReply *reply)

@@ -32,8 +32,6 @@ QNetworkRequest cloudRequest(const QUrl &url, const QString &contentType);
 QNetworkRequest tokenRequest(const QString &tokenUri);
 QByteArray tokenRequestBody(const QByteArray &assertion);
 
-/// Aborts the request when its answer is longer than any that the cloud gives.
-void limitAnswer(QNetworkReply *reply);
 /// The body of an answer that has come to its end; empty when it was given up.
 QByteArray answerOf(QNetworkReply *reply);
 /// The access token of a token endpoint's answer; none when it holds none that can stand in a header.

@@ -2,6 +2,7 @@
 
 #include "forwarders/CloudRequests.h"
 #include "forwarders/ServiceAccount.h"
+#include "network/LimitedAnswer.h"
 #include "protocol/ActionCommands.h"
 
 #include <QDateTime>

@@ -1,6 +1,7 @@
 #include "forwarders/PubSubPublisher.h"
 
 #include "forwarders/CloudRequests.h"
+#include "network/LimitedAnswer.h"
 
 #include <QDebug>
 #include <QNetworkReply>

@@ -61,6 +61,7 @@ void TestAutoKill::logsInFetchesAndForgets()
 
     const HttpServer::Request login = m_server->requestsTo(loginPath).value(0);
     QCOMPARE(login.body, QByteArray("{\"username\":\"u%2\"é\",\"password\":\"secret\"}"));
+    QCOMPARE(login.headers.value("accept-encoding"), QByteArray("identity"));
     QCOMPARE(login.headers.value("content-type"), QByteArray("application/json"));
     QCOMPARE(login.headers.value("server"), QByteArray("accept:application/json; charset=UTF-8"));
     const HttpServer::Request query = m_server->requestsTo(listPath).value(0);
@@ -86,6 +87,7 @@ void TestAutoKill::refusals()
         {{500, "{}", "Out of order"}, unhandled.arg("500"_s, "Out of order"_s)},
         {{0, {}, {}}, unhandled.arg("0"_s, QString())}, {{200, "no JSON"}, QString()},
         {{-1, {}, {}}, unhandled.arg("0"_s, QString())}, // silence
+        {{200, QByteArray(2 << 20, ' ')}, unhandled.arg("0"_s, QString())}, // an endless one
         {{200, "{", "OK", 1}, unhandled.arg("0"_s, QString())}}; // an answer that takes its time
     for (const auto &[answer, line] : cases) {
         m_server->otherAnswer = answer;

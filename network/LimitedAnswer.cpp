@@ -1,0 +1,14 @@
+#include "network/LimitedAnswer.h"
+
+#include <QNetworkReply>
+
+static constexpr int longestAnswer = 1024 * 1024; // bytes
+
+void limitAnswer(QNetworkReply *reply)
+{
+    reply->setReadBufferSize(2 * longestAnswer); // Qt's own thread reads on while this one is busy
+    QObject::connect(reply, &QNetworkReply::readyRead, reply, [reply] {
+        if (reply->bytesAvailable() > longestAnswer)
+            reply->abort();
+    });
+}

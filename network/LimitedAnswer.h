@@ -1,0 +1,8 @@
+#pragma once
+
+class QNetworkReply;
+
+/// Aborts the request when its answer, unpacked, is longer than 1 MiB, and holds back what comes faster than
+/// it is looked at. For replies that are read at their end. A server that packs its answer gets past this by
+/// what one packet unpacks to, so ask for "Accept-Encoding: identity".
+void limitAnswer(QNetworkReply *reply);
