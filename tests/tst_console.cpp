@@ -116,7 +116,7 @@ private slots:
 private:
     void start(const QStringList &options = {});
     void stop();
-    QByteArray ask(const QByteArray &request) { return Client(m_port).send(request).answer(); }
+    QByteArray ask(const QByteArray &request) const { return Client(m_port).send(request).answer(); }
     void setPassword(const QByteArray &value = password);
     /// Logs in and yields the headers of a request that may change something.
     QByteArray logIn();

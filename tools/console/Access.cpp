@@ -22,7 +22,7 @@ Access::Access(const QString &configFile, Settings settings)
     followPassword();
 }
 
-Reply Access::refusal(const Request &request)
+Reply Access::refusal(const Request &request) const
 {
     if (!hasPassword() && !m_settings.loopbackOnly)
         return Reply::error(

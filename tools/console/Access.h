@@ -21,7 +21,7 @@ public:
 
     /// What is wrong about a request whoever sends it; status 0 when nothing is. A page elsewhere whose name
     /// was made to lead to this machine (DNS rebinding) must not read what the console shows.
-    Reply refusal(const Request &request);
+    Reply refusal(const Request &request) const;
 
     /// Looks for a password that was set, changed or removed; whoever was logged in before is no longer.
     /// True when it did.

@@ -11,7 +11,7 @@ const QString radioPath = QStringLiteral("/api/radio/");
 
 QJsonValue member(const QJsonObject &body, const QString &name, QJsonValue::Type type)
 {
-    const QJsonValue value = body.value(name);
+    QJsonValue value = body.value(name);
     if (!value.isUndefined() && value.type() != type)
         throw CommandError(QStringLiteral("the member \"%1\" is of the wrong type").arg(name));
     return value;

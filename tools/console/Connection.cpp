@@ -16,7 +16,7 @@ Connection::Connection(QTcpSocket *socket, QObject *parent)
     : QObject(parent), m_socket(socket), m_reader(std::make_unique<RequestReader>())
 {
     m_socket->setParent(this);
-    m_socket->setReadBufferSize(16 * 1024);
+    m_socket->setReadBufferSize(16384);
     connect(m_socket, &QTcpSocket::readyRead, this, &Connection::read);
     connect(m_socket, &QTcpSocket::bytesWritten, this, &Connection::closeAfterAnswer);
     connect(m_socket, &QTcpSocket::disconnected, this, &Connection::finish);

@@ -16,7 +16,7 @@ const int flushMs = 50;
 const int heartbeatMs = 15000;
 /// A client that has vanished without a word is noticed after this time.
 const unsigned deadAfterMs = 45000;
-const qint64 maximumWaiting = 64 * 1024;
+const qint64 maximumWaiting = 65536;
 
 } // namespace
 

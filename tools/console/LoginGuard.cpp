@@ -5,8 +5,8 @@
 namespace {
 
 const qint64 firstDelayMs = 1000;
-const qint64 maximumDelayMs = 300 * 1000;
-const qint64 memoryMs = 3600 * 1000;
+const qint64 maximumDelayMs = 300000;
+const qint64 memoryMs = 3600000;
 const int maximumAddresses = 4096;
 
 /// Whoever has an IPv6 address usually has the 64-bit network that it is in.

@@ -10,8 +10,8 @@ namespace http = boost::beast::http;
 
 namespace {
 
-const quint32 headerLimit = 8 * 1024;
-const quint64 bodyLimit = 4 * 1024;
+const quint32 headerLimit = 8192;
+const quint64 bodyLimit = 4096;
 
 QByteArray bytesOf(boost::beast::string_view text)
 {

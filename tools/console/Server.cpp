@@ -24,7 +24,7 @@ QSslKey readKey(const QString &path)
 {
     const QByteArray pem = contentOf(path);
     for (const QSsl::KeyAlgorithm algorithm : {QSsl::Rsa, QSsl::Ec}) {
-        const QSslKey key(pem, algorithm);
+        QSslKey key(pem, algorithm);
         if (!key.isNull())
             return key;
     }

@@ -23,7 +23,7 @@ QByteArray randomId()
 Sessions::Session Sessions::open()
 {
     makeRoom();
-    const Session session{randomId(), randomId()};
+    Session session{randomId(), randomId()};
     m_entries.insert(session.id, {session.token, m_clock.elapsed()});
     return session;
 }

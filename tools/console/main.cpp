@@ -131,6 +131,8 @@ int main(int argc, char *argv[])
         printError(QString::fromUtf8(error.what()) + QStringLiteral("; see quillon-console --help"));
     } catch (const CommandError &error) {
         printError(error.message());
+    } catch (const std::exception &error) {
+        printError(QString::fromUtf8(error.what()));
     }
     return failureCode;
 }

@@ -54,7 +54,7 @@ QByteArray readLine()
 QByteArray askFor(const char *question)
 {
     std::fputs(question, stderr);
-    const QByteArray answer = readLine();
+    QByteArray answer = readLine();
     std::fputc('\n', stderr);
     return answer;
 }
@@ -64,7 +64,7 @@ QByteArray givenPassword()
     if (!isatty(STDIN_FILENO))
         return checkedPassword(readLine());
     const HiddenInput hidden;
-    const QByteArray password = checkedPassword(askFor("New password for the console: "));
+    QByteArray password = checkedPassword(askFor("New password for the console: "));
     if (askFor("Once more: ") != password)
         throw CommandError(QStringLiteral("the two are not the same; nothing was changed"));
     return password;

@@ -19,7 +19,7 @@ const int saltSize = 16;
 const int hashSize = 32;
 const int minimumLength = 8;
 const int maximumLength = 200;
-const quint64 maximumMemory = 64 * 1024 * 1024;
+const quint64 maximumMemory = 67108864;
 
 /// The cost of a hash: N, r and p of RFC 7914.
 struct Cost
