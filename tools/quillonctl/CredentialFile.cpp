@@ -55,7 +55,7 @@ QString CredentialFile::problem() const
         if (m_fields.value(field).toString().isEmpty())
             return QStringLiteral("its field %1 is missing").arg(field);
     }
-    const QString uriProblem = tokenUriProblem(tokenUri().toString());
+    QString uriProblem = tokenUriProblem(tokenUri().toString());
     if (!uriProblem.isEmpty())
         return uriProblem;
     if (!hostProblem(tokenUri().host()).isEmpty())
