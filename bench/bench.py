@@ -1,6 +1,7 @@
 """Measures the daemon beside socat and ser2net."""
 
 import argparse
+import atexit
 import json
 import os
 import platform
@@ -19,8 +20,8 @@ import pages
 import peers
 import streaming
 import tables
-from rig import (LINE_RATE, Daemon, Radios, add_output, add_radios, lines_in, make_database, open_paths, say, wait_for,
-                 wait_until)
+from rig import (LINE_RATE, Daemon, Process, Radios, add_output, add_radios, lines_in, make_database, open_paths, say,
+                 wait_for, wait_until)
 from sinks import TcpSink
 from trace import trace_frames
 
@@ -165,6 +166,7 @@ def main():
         arguments.rounds, arguments.samples = 1, 300
         arguments.fleets, arguments.seconds, arguments.idle = [1, 8], 5, 20
 
+    atexit.register(Process.kill_all)
     bench = Bench(arguments)
     for name, part in PARTS.items():
         if not arguments.parts or name in arguments.parts:

@@ -79,6 +79,8 @@ class Radios:
 class Process:
     """A child process, and what the kernel knows of it."""
 
+    started = []
+
     def __init__(self, log):
         self.log = log
         self.process = None
@@ -86,6 +88,7 @@ class Process:
     def run(self, command):
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log)
+        Process.started.append(self)
 
     def stop(self, how=signal.SIGTERM, timeout=120):
         """The exit code; -1000 when it had to be killed. A blocking wait of an output comes first."""
@@ -96,6 +99,12 @@ class Process:
             self.process.kill()
             self.process.wait()
             return -1000
+
+    @classmethod
+    def kill_all(cls):
+        for one in cls.started:
+            if one.is_running():
+                one.process.kill()
 
     def is_running(self):
         return self.process is not None and self.process.poll() is None

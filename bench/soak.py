@@ -21,7 +21,7 @@ from faults import ALL, Faults, RUBBISH, TCP
 from ledger import Ledger
 from outcome import Outcome
 from pubsub import PubSub
-from rig import LINE_RATE, Daemon, Radios, add_output, add_radios, free_port, make_database, wait_for
+from rig import LINE_RATE, Daemon, Process, Radios, add_output, add_radios, free_port, make_database, wait_for
 from sinks import FileTail, TcpSink
 from streams import Listener, Rude
 
@@ -337,9 +337,7 @@ def main():
         return soak.run()
     except Exception as error:
         print(f"soak: failed: {error}; see {soak.daemon.log}", *soak.problems, sep="\n")
-        for program in (soak.daemon, soak.console):
-            if program and program.is_running():
-                program.process.kill()
+        Process.kill_all()
         return 1
 
 
