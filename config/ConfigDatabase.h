@@ -49,10 +49,11 @@ public:
     bool initAdapters();
     bool initDataForwarder();
     bool initPendingActions();
-    /// Compares the file's release with the current one and migrates what is older; stays due while the
-    /// release cannot be read.
+    /// Compares the file's release with the current one and migrates what is older, as a whole or not at all;
+    /// stays due while the file is locked or the disk fails.
     void checkDatabaseRelease();
-    void updateSchemaVersion();
+    /// Stamps the file with the current release; false when the file is locked or the disk fails.
+    bool updateSchemaVersion();
 
     // Radio adapters
 
@@ -108,13 +109,20 @@ private:
     bool checkSetup(bool succeeded, const char *operation, const QSqlQuery &query);
     bool createTable(const QString &statement, const char *operation);
 
-    void migrateFromOldest(QSqlQuery &query);
-    void migrateFromRelease10(QSqlQuery &query);
-    void insertMissingKey(
-        QSqlQuery &query, const QString &key, const QString &value, const char *insertedText);
-    void addMissingColumn(
-        QSqlQuery &query, const QString &probe, const QString &alteration, const char *insertedText);
-    void insertMissingCloudForwarder(QSqlQuery &query);
+    bool readRelease(QSqlQuery &query, QString *release);
+    bool migrate(QSqlQuery &query);
+    // Each tells whether the migration may go on: it does after an error of the statement's own, such as a
+    // table that is missing, and is taken back where the file is locked or the disk fails.
+    bool migrateUnlessMigrated(QSqlQuery &query);
+    bool migrateFromOldest(QSqlQuery &query);
+    bool migrateFromRelease10(QSqlQuery &query);
+    bool createKeys();
+    bool insertMissingKey(
+        QSqlQuery &query, const QString &key, const QString &value, const QString &insertedText);
+    bool addMissingColumn(
+        QSqlQuery &query, const QString &probe, const QString &alteration, const QString &insertedText);
+    bool insertMissingCloudForwarder(QSqlQuery &query);
+    bool mayGoOn(bool succeeded, const char *operation, const QSqlQuery &query);
 
     static ConfigDatabase *s_instance;
 
@@ -124,4 +132,5 @@ private:
     bool m_releaseCheckPending = true;
     QSqlError m_setupError;
     bool m_setupFailureLogged = false;
+    QStringList m_migrationLines; // logged when all of it is stored
 };

@@ -1,6 +1,7 @@
 #include "config/ConfigDatabase.h"
 
 #include "config/ConfigKeys.h"
+#include "config/SchemaStatements.h"
 #include "config/SqlStatement.h"
 
 #include <QDebug>
@@ -8,8 +9,6 @@
 #include <QSqlError>
 #include <QSqlQuery>
 #include <QVariant>
-
-#include <sqlite3.h>
 
 // A resource of a static library has to be asked for by name, outside of any namespace.
 static void initConfigResource()
@@ -24,16 +23,9 @@ const char *const initUartBlacklistSignature = "void ConfigDatabase::initUartBla
 const char *const initSystemConfigurationSignature = "void ConfigDatabase::initSystemConfiguration()";
 const char *const initDataForwarderSignature = "void ConfigDatabase::initDataForwarder()";
 const char *const initPendingActionsSignature = "void ConfigDatabase::initPendingActions()";
-const char *const updateSchemaVersionSignature = "void ConfigDatabase::updateSchemaVersion()";
-const char *const checkDatabaseReleaseSignature = "void ConfigDatabase::checkDatabaseRelease()";
 
 const QString selectTablesStatement =
     QStringLiteral("SELECT name FROM sqlite_master WHERE type = 'table' LIMIT 1");
-const QString selectKeyStatement =
-    QStringLiteral("SELECT * FROM system_configuration WHERE name=:name LIMIT 1");
-const QString selectAllKeysStatement = QStringLiteral("SELECT * FROM system_configuration");
-const QString insertKeyStatement =
-    QStringLiteral("INSERT INTO system_configuration (name, value) VALUES (:name, :value)");
 
 struct SystemKey
 {
@@ -53,28 +45,6 @@ const SystemKey defaultKeys[] = {
 };
 
 const QString defaultBlacklist[] = {QStringLiteral("ttyS0"), QStringLiteral("ttyAMA0")};
-
-bool lookUpKey(QSqlQuery &query, const QString &key)
-{
-    query.clear();
-    query.prepare(selectKeyStatement);
-    query.bindValue(QStringLiteral(":name"), key);
-    return executePrepared(query);
-}
-
-/// Whether a look-up failed for another reason than a file that has no such table, or is no database at all:
-/// one that is locked or damaged, or a disk that fails, says nothing of the release.
-bool cannotTellRelease(const QSqlQuery &query)
-{
-    const int code = primaryResultCode(query.lastError());
-    return code != SQLITE_ERROR && code != SQLITE_NOTADB;
-}
-
-bool execute(QSqlQuery &query, const QString &statement)
-{
-    query.clear();
-    return query.exec(statement);
-}
 
 /// The cloud credential of a new file: a service-account document as one line of base64 text.
 QString defaultCredential()
@@ -168,7 +138,7 @@ void ConfigDatabase::finishSetup(bool succeeded)
 
 bool ConfigDatabase::checkSetup(bool succeeded, const char *operation, const QSqlQuery &query)
 {
-    if (!succeeded && !m_setupError.isValid())
+    if (!succeeded && (!m_setupError.isValid() || endsTransaction(query.lastError())))
         m_setupError = query.lastError();
     return m_setupFailureLogged ? succeeded : checkStatement(succeeded, operation, query);
 }
@@ -246,112 +216,4 @@ bool ConfigDatabase::initPendingActions()
 {
     return createTable(QStringLiteral("CREATE TABLE pending_actions(ids integer primary key, command text);"),
         initPendingActionsSignature);
-}
-
-void ConfigDatabase::checkDatabaseRelease()
-{
-    QSqlQuery query;
-    QString release = UNDEFINED_VALUE;
-    const bool found = lookUpKey(query, BDD_RELEASE_KEY);
-    if (!checkSetup(found, checkDatabaseReleaseSignature, query) && cannotTellRelease(query)) {
-        finishSetup(false);
-        return; // migrating a current file would cost its outputs
-    }
-    m_releaseCheckPending = false;
-    finishSetup(true);
-    if (query.next())
-        release = query.value(QStringLiteral("value")).toString();
-    if (release == BDD_RELEASE_VALUE)
-        return;
-
-    qInfo() << "Old database schema detected : " << release << " - should be " << BDD_RELEASE_VALUE;
-    if (release == UNDEFINED_VALUE || release == QLatin1String("0.21.0"))
-        migrateFromOldest(query);
-    else if (release == QLatin1String("1.0"))
-        migrateFromRelease10(query);
-    // Any other release is newer or unknown and stays as it is.
-}
-
-void ConfigDatabase::migrateFromOldest(QSqlQuery &query)
-{
-    // forward_invalid_data is not added here, on purpose: it then reads as "undefined".
-    if (!execute(query, selectAllKeysStatement)) {
-        qInfo() << "Table system_configuration does not exists - creating a new one.";
-        initSystemConfiguration();
-    } else {
-        insertMissingKey(query, OWNER_EMAIL_KEY, UNDEFINED_VALUE, "OWNER_EMAIL_KEY not found - inserted.");
-        insertMissingKey(query, OWNER_DEPT_KEY, UNDEFINED_VALUE, "OWNER_DEPT_KEY not found - inserted.");
-        insertMissingKey(query, BDD_RELEASE_KEY, UNDEFINED_VALUE, "BDD_RELEASE_KEY not found - inserted.");
-    }
-    addMissingColumn(query, QStringLiteral("SELECT esn FROM radio_adapters"),
-        QStringLiteral("ALTER TABLE radio_adapters ADD COLUMN esn TEXT"),
-        "ESN column does not exists - inserted");
-    addMissingColumn(query, QStringLiteral("SELECT secret FROM data_forwarder"),
-        QStringLiteral("ALTER TABLE data_forwarder ADD COLUMN secret TEXT"),
-        "SECRET column does not exists - inserted");
-    addMissingColumn(query, QStringLiteral("SELECT context FROM data_forwarder"),
-        QStringLiteral("ALTER TABLE data_forwarder ADD COLUMN context TEXT"),
-        "CONTEXT column does not exists - inserted");
-    // Outputs of the oldest layout other than the cloud are discarded, on purpose.
-    checkStatement(execute(query, QStringLiteral("DELETE FROM data_forwarder WHERE type <> 'GCP'")),
-        checkDatabaseReleaseSignature, query);
-    insertMissingCloudForwarder(query);
-    updateSchemaVersion();
-}
-
-void ConfigDatabase::migrateFromRelease10(QSqlQuery &query)
-{
-    if (!execute(query, selectAllKeysStatement)) {
-        qInfo() << "Table system_configuration does not exists - creating a new one.";
-        initSystemConfiguration();
-    } else {
-        insertMissingKey(query, FORWARD_INVALID_DATA_KEY, QStringLiteral("false"),
-            "FORWARD_INVALID_DATA_KEY not found - inserted.");
-    }
-    updateSchemaVersion();
-}
-
-void ConfigDatabase::insertMissingKey(
-    QSqlQuery &query, const QString &key, const QString &value, const char *insertedText)
-{
-    if (!checkStatement(lookUpKey(query, key), checkDatabaseReleaseSignature, query) || query.next())
-        return;
-    query.clear();
-    query.prepare(insertKeyStatement);
-    query.bindValue(QStringLiteral(":name"), key);
-    query.bindValue(QStringLiteral(":value"), value);
-    if (checkStatement(executePrepared(query), checkDatabaseReleaseSignature, query))
-        qInfo() << insertedText;
-}
-
-void ConfigDatabase::addMissingColumn(
-    QSqlQuery &query, const QString &probe, const QString &alteration, const char *insertedText)
-{
-    if (execute(query, probe))
-        return;
-    if (checkStatement(execute(query, alteration), checkDatabaseReleaseSignature, query))
-        qInfo() << insertedText;
-}
-
-void ConfigDatabase::insertMissingCloudForwarder(QSqlQuery &query)
-{
-    const bool counted =
-        execute(query, QStringLiteral("SELECT COUNT(*) AS RES FROM data_forwarder WHERE type == 'GCP'"));
-    if (!checkStatement(counted, checkDatabaseReleaseSignature, query))
-        return;
-    query.next();
-    if (query.value(0).toInt() == 0) {
-        qInfo() << "Np GCP configuration found - defaulting."; // spelled so on purpose
-        initDataForwarder();
-    }
-}
-
-void ConfigDatabase::updateSchemaVersion()
-{
-    QSqlQuery query;
-    query.prepare(QStringLiteral("UPDATE system_configuration SET value=:value WHERE name LIKE :name"));
-    query.bindValue(QStringLiteral(":name"), BDD_RELEASE_KEY);
-    query.bindValue(QStringLiteral(":value"), BDD_RELEASE_VALUE);
-    if (checkStatement(executePrepared(query), updateSchemaVersionSignature, query))
-        qInfo() << "Update BDD schema and default conf to  : " << BDD_RELEASE_VALUE;
 }

@@ -3,6 +3,7 @@
 #include "support/TestDatabase.h"
 
 #include <csignal>
+#include <optional>
 #include <sys/resource.h>
 
 namespace {
@@ -31,6 +32,24 @@ QString tables(const TestDatabase &file)
 const QString allTables =
     "port_blacklist system_configuration radio_adapters data_forwarder pending_actions"_s;
 
+/// A disk that is full for files that would grow beyond so many bytes.
+class FullDisk
+{
+public:
+    explicit FullDisk(rlim_t bytes)
+    {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit limited = {bytes, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limited);
+    }
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
+    Q_DISABLE_COPY(FullDisk)
+
+private:
+    rlimit m_before = {};
+};
+
 /// Another program that runs statements on the file, pauses for some seconds and then runs others.
 class Tool : public QProcess
 {
@@ -56,6 +75,7 @@ private slots:
     void adapterRows();
     void forwarderRows();
     void creationIsWholeOrNothing();
+    void migrationIsWholeOrNothing();
     void contentTellsWhetherAFileIsNew();
     void damagedFileKeepsItsOutputs();
     void failedStatementsNameTheirOperation();
@@ -204,20 +224,18 @@ void TestConfig::forwarderRows()
 
 void TestConfig::creationIsWholeOrNothing()
 {
-    rlimit unlimited = {};
-    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &unlimited), 0);
-    const rlimit twoPages = {8192, unlimited.rlim_max};
-    ::signal(SIGXFSZ, SIG_IGN);
     QStringList operations{"UartBlacklist"_s, "SystemConfiguration"_s, "Adapters"_s, "DataForwarder"_s,
         "PendingActions"_s, "nothing"_s};
     for (const QString &view : allTables.split(u' ') + QStringList("full_disk"_s)) {
         const TestDatabase file;
         file.run("CREATE VIEW %1 AS SELECT 1"_s.arg(view)); // where a table is to be made, but for the last
-        QCOMPARE(::setrlimit(RLIMIT_FSIZE, view == "full_disk"_s ? &twoPages : &unlimited), 0);
+        std::optional<FullDisk> fullDisk;
+        if (view == "full_disk"_s)
+            fullDisk.emplace(8192); // two pages
         LogCapture log;
         FreshDatabase database(file.path());
         QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "undefined"_s);
-        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &unlimited), 0);
+        fullDisk.reset();
         QCOMPARE(tables(file), QString());
         const QString failed = "void ConfigDatabase::init%1()  : error caught :  QSqlError("_s;
         QVERIFY(log.count(failed.arg(operations.takeFirst())) > 0 || view == "full_disk"_s);
@@ -227,6 +245,23 @@ void TestConfig::creationIsWholeOrNothing()
         QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
         QCOMPARE(tables(file), allTables);
     }
+}
+
+void TestConfig::migrationIsWholeOrNothing()
+{
+    const TestDatabase file;
+    makeFile(file);
+    file.run("UPDATE data_forwarder SET type = 'RAW'"_s);
+    file.setKey(BDD_RELEASE_KEY, "0.21.0"_s);
+    std::optional<FullDisk> fullDisk(3 * 4096); // the release stands in the third page, the outputs after it
+    LogCapture log;
+    FreshDatabase database(file.path());
+    QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "0.21.0"_s);
+    QCOMPARE(outputs(file), "RAW0"_s);
+    QCOMPARE(log.count("error caught"_s), 1); // although it stays due
+    fullDisk.reset();
+    QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
+    QCOMPARE(outputs(file), "GCP0"_s);
 }
 
 void TestConfig::contentTellsWhetherAFileIsNew()
