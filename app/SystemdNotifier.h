@@ -5,7 +5,8 @@
 
 /// Tells systemd that the daemon is ready, once the event loop runs, and then that it is alive, from the
 /// event loop at a quarter of the interval that systemd asks for. Started by anything else it does nothing.
-/// See sd_notify(3) and sd_watchdog_enabled(3).
+/// It never waits: a sign of life for which systemd has no room is dropped. See sd_notify(3) and
+/// sd_watchdog_enabled(3).
 class SystemdNotifier : public QObject
 {
     Q_OBJECT
@@ -14,5 +15,7 @@ public:
     explicit SystemdNotifier(QObject *parent = nullptr);
 
 private:
+    void tellReady();
+
     QTimer m_watchdogTimer;
 };
