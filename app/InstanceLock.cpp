@@ -15,7 +15,10 @@ namespace {
 /// One lock for one file, by whatever path it is named.
 QString lockPath(const QString &databasePath)
 {
-    const QFileInfo file(databasePath);
+    constexpr int longestChain = 40; // of links, as in path_resolution(7)
+    QFileInfo file(databasePath);
+    for (int links = 0; links < longestChain && file.isSymLink() && !file.exists(); ++links)
+        file.setFile(file.symLinkTarget()); // where the file will be made
     if (file.exists())
         return file.canonicalFilePath() + QStringLiteral(".lock");
     const QFileInfo folder(file.absolutePath());
@@ -36,14 +39,16 @@ int openLockFile(const QByteArray &path)
 } // namespace
 
 InstanceLock::InstanceLock(const QString &databasePath)
-    : m_descriptor(openLockFile(QFile::encodeName(lockPath(databasePath))))
 {
+    const QString path = lockPath(databasePath);
+    m_descriptor = openLockFile(QFile::encodeName(path));
     if (m_descriptor >= 0 && ::flock(m_descriptor, LOCK_EX | LOCK_NB) == 0)
         return;
-    m_heldElsewhere = m_descriptor >= 0 && errno == EWOULDBLOCK;
+    const int reason = errno;
+    m_heldElsewhere = m_descriptor >= 0 && reason == EWOULDBLOCK;
     if (!m_heldElsewhere) {
-        qWarning() << "A second daemon on this file would not be noticed, there is no lock : "
-                   << lockPath(databasePath) << std::strerror(errno);
+        qWarning() << "A second daemon on this file would not be noticed, there is no lock : " << path
+                   << std::strerror(reason);
     }
 }
 

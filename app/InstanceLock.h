@@ -16,6 +16,6 @@ public:
     bool isHeldElsewhere() const { return m_heldElsewhere; }
 
 private:
-    int m_descriptor;
+    int m_descriptor = -1;
     bool m_heldElsewhere = false;
 };

@@ -150,7 +150,7 @@ void ConfigDatabase::openDatabase()
         QCoreApplication::exit(-1);
     }
     // To look inside at every operation would cost each of them a statement.
-    if (m_releaseCheckPending || m_setupFailureLogged || isEmptyFile(m_path))
+    if (m_database.isOpen() && (m_releaseCheckPending || m_setupFailureLogged || isEmptyFile(m_path)))
         prepareFile();
 }
 

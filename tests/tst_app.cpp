@@ -1,3 +1,4 @@
+#include "app/InstanceLock.h"
 #include "app/LogHandler.h"
 #include "support/Daemon.h"
 #include "support/TestDatabase.h"
@@ -45,6 +46,7 @@ private slots:
     void lifeUnderSystemd();
     void defaultConfigurationAndReboot();
     void commandLine();
+    void lockOfALink();
 };
 
 void TestApp::logHandler()
@@ -153,6 +155,15 @@ void TestApp::commandLine()
         const QString printed = QString::fromUtf8(daemon.readAllStandardOutput()) + daemon.log();
         QVERIFY2(printed.contains(output), qPrintable(printed));
     }
+}
+
+void TestApp::lockOfALink()
+{
+    const TestDatabase file;
+    QVERIFY(QFile::link(file.path(), file.file("link"_s)));
+    const InstanceLock lock(file.file("link"_s)); // before there is a file
+    file.writeFile("quillon.sqlite"_s, {});
+    QVERIFY(InstanceLock(file.file("link"_s)).isHeldElsewhere());
 }
 
 QTEST_GUILESS_MAIN(TestApp)
