@@ -136,7 +136,7 @@ void TcpDataForwarder::connected()
 void TcpDataForwarder::error(QAbstractSocket::SocketError socketError)
 {
     qInfo() << "[" << m_target << ":" << m_port << "] : erreur de la socket : " << socketError;
-    m_socket.close();
+    m_socket.abort(); // close() would first wait to write what the server does not take
     m_connected = false;
     setStatus(DataForwarderConfig::Failed);
     tryAgainIn(reconnectDelay);
