@@ -78,7 +78,8 @@ const Cases refusals{
     {"kind STREAM is configured", "watch"},
     {"no JSON document", "forwarder add gcp /etc/passwd --topic abc"},
     {"a topic is", "forwarder set 1 --topic 12345"},
-    {"an address begins", "config set autokill_url http://h | config set autokill_url https://h//"},
+    {"an address begins", "config set autokill_url http://h"},
+    {"this one is \"https://h//\"", "config set autokill_url https://h//"},
     {"and nothing else",
         "forwarder set 1 --endpoint https://u@h | forwarder set 1 --endpoint https://h/x"
         " | forwarder set 1 --endpoint 'https://h?x' | forwarder set 1 --endpoint https://h:0"},

@@ -52,9 +52,10 @@ QString valueProblem(const KnownKey &key, const QString &value)
             : QStringLiteral("it is either true or false");
     if (value == UNDEFINED_VALUE)
         return {};
-    if (key.kind == KnownKey::ServiceUrl)
-        return serviceUrlProblem(
-            value.endsWith(QLatin1Char('/')) ? value.chopped(1) : value, {QStringLiteral("https")});
+    if (key.kind == KnownKey::ServiceUrl) {
+        const bool hasOneSlash = value.endsWith(QLatin1Char('/')) && !value.endsWith(QLatin1String("//"));
+        return serviceUrlProblem(hasOneSlash ? value.chopped(1) : value, {QStringLiteral("https")});
+    }
     static const QRegularExpression number(QStringLiteral("^[1-9][0-9]{0,6}$"));
     if (key.kind == KnownKey::Number && (!number.match(value).hasMatch() || value.toInt() > 1048576))
         return QStringLiteral("it is a whole number from 1 to 1048576");
