@@ -50,7 +50,7 @@ SystemdNotifier::SystemdNotifier(QObject *parent) : QObject(parent)
     m_watchdogTimer.start(qMax(period, std::chrono::milliseconds(1)));
 }
 
-void SystemdNotifier::tellReady()
+void SystemdNotifier::tellReady() const
 {
     if (!notify("READY=1"))
         QTimer::singleShot(retryDelay, this, &SystemdNotifier::tellReady);

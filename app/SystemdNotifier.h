@@ -15,7 +15,7 @@ public:
     explicit SystemdNotifier(QObject *parent = nullptr);
 
 private:
-    void tellReady();
+    void tellReady() const;
 
     QTimer m_watchdogTimer;
 };
