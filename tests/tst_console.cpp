@@ -366,11 +366,13 @@ void TestConsole::eventClients()
     QVERIFY(again.waitFor("n1201<"));
     QCOMPARE(again.received().count("\nevent: record\n"), 1);
     QVERIFY(!again.received().contains("event: reset"));
-    Client other(m_port); // the id of another run of the console
     clients.pop_back();
-    QTRY_VERIFY(statusOf(Client(m_port).send(get("/api/events")).answer(200)) != 503);
-    other.send(get("/api/events", "Last-Event-ID: ffff-1\r\n"));
-    QVERIFY(other.waitFor("n202<"));
+    const auto isServed = [&] { // with the id of another run of the console
+        clients.emplace_back(m_port).send(get("/api/events", "Last-Event-ID: ffff-1\r\n"));
+        return statusOf(clients.back().answer(200)) != 503;
+    };
+    QVERIFY(QTest::qWaitFor(isServed));
+    QVERIFY(clients.back().waitFor("n202<"));
 }
 
 void TestConsole::loginIsSlowedDown()

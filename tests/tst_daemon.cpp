@@ -123,7 +123,7 @@ void TestDaemon::unusableFileIsKept()
     daemon.start({"-c"_s, m_file.writeFile("rubbish"_s, rubbish)});
     QVERIFY(daemon.waitForLog("void ConfigDatabase::resetAdapters()  : error caught : "_s));
     QVERIFY(!daemon.waitForFinished(3000));
-    QVERIFY(daemon.log().count("checkDatabaseRelease()  : error caught :  QSqlError("_s) > 2);
+    QCOMPARE(daemon.log().count("checkDatabaseRelease()  : error caught :  QSqlError("_s), 2);
     QCOMPARE(m_file.readFile("rubbish"_s), rubbish);
     // With a database in its place, the next operation works.
     QVERIFY(QFile::remove(m_file.file("rubbish"_s)));
