@@ -59,6 +59,7 @@ QString defaultCredential()
 
 bool ConfigDatabase::createDatabase()
 {
+    m_setupFailureLogged = false; // whatever was wrong with the file that was there
     qInfo() << "Creating a brand new Database";
     if (!m_database.open()) {
         qInfo() << "Error: connection with database fail";
