@@ -23,11 +23,15 @@ public:
         m_until = 0;
         m_longest = m_unit;
     }
-    /// A try failed; the server wants `retryAfter` ms of rest. What fails while it rests changes nothing.
+    /// A try failed; the server wants `retryAfter` ms of rest. What fails while it rests lengthens
+    /// it at most to that.
     void fail(qint64 retryAfter = 0)
     {
-        if (isResting())
+        if (isResting()) {
+            if (retryAfter > restLeft())
+                rest(retryAfter);
             return;
+        }
         rest(qMax(retryAfter, qint64(QRandomGenerator::global()->generateDouble() * double(m_longest))));
         m_longest = qMin(m_longest * 2, m_unit * 60);
     }

@@ -24,7 +24,8 @@ public slots:
     virtual void forward(QSharedPointer<IcomCommandResponse> resp) = 0;
     /// One command written to a radio; to be called by the adapter's signal.
     virtual void forwardSent(QSharedPointer<IcomCommand> command) = 0;
-    /// A radio was found, identified or given up, or its row has changed; to be called by the adapter's signal.
+    /// A radio was found, identified or given up, or its row has changed; to be called by the adapter's
+    /// signal.
     virtual void radioChanged(RadioLink::State) { }
 
 protected:

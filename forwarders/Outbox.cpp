@@ -16,6 +16,7 @@ constexpr qint64 reservedAtOnce = 1000000;
 constexpr qint64 greatestSequence = std::numeric_limits<qint64>::max() / 2;
 constexpr int longestRefused = 64 * 1024; // bytes; a longer text is kept in part
 constexpr int droppedAtOnce = 100;
+constexpr int mostDropped = 5000; // in one commit; radios wait meanwhile
 constexpr int longestValue = 32 * 1024 * 1024; // bytes; a damaged file may claim any length
 
 bool isDamage(const SqliteError &error)
@@ -72,6 +73,7 @@ void distrust(const SqliteConnection &connection)
     sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(database, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr); // a stop is to be short
     sqlite3_limit(database, SQLITE_LIMIT_LENGTH, longestValue);
 }
 
@@ -86,7 +88,7 @@ const char *const Outbox::schema[] = {
 
 Outbox::~Outbox()
 {
-    if (m_connection && m_next < m_reserved)
+    if (m_connection && !hasMoved() && m_next < m_reserved)
         attempt([this] { reserve(m_next); });
 }
 
@@ -112,10 +114,21 @@ bool Outbox::attempt(Action action)
     return false;
 }
 
+/// Whether the open file is no longer what stands under its name: what goes there is lost.
+bool Outbox::hasMoved() const
+{
+    int result = 0;
+    sqlite3_file_control(m_connection->handle(), nullptr, SQLITE_FCNTL_HAS_MOVED, &result);
+    return result != 0;
+}
+
 void Outbox::ensureOpen()
 {
-    if (m_connection)
+    if (m_connection && !hasMoved())
         return;
+    if (m_connection)
+        qInfo() << "The outbox" << m_path << "was taken away and a new one is begun";
+    m_connection.reset();
     try {
         open();
     } catch (const SqliteError &) {
@@ -263,7 +276,7 @@ int Outbox::dropOldest()
     int dropped = 0;
     SqliteStatement removal(*m_connection,
         "DELETE FROM message WHERE sequence IN (SELECT sequence FROM message ORDER BY sequence LIMIT ?)");
-    while (usedBytes() > m_limit) {
+    while (dropped < mostDropped && usedBytes() > m_limit) {
         removal.bind(qint64(droppedAtOnce)).run();
         if (m_connection->changes() == 0)
             break;
@@ -303,11 +316,12 @@ std::optional<QVector<OutboxMessage>> Outbox::read(SequenceRange range, int coun
 
 void Outbox::handleFailure(const SqliteError &error)
 {
-    if (error.text != m_failure)
+    const bool isNew = error.text != m_failure;
+    if (isNew)
         qInfo() << "The outbox" << m_path << "cannot be used :" << error.text;
     m_failure = error.text;
     if (isDamage(error)) {
-        moveAside();
+        moveAside(isNew);
         return;
     }
     // A log that is written back begins anew where it is, which takes no room on a full disk.
@@ -316,13 +330,15 @@ void Outbox::handleFailure(const SqliteError &error)
             m_connection->handle(), nullptr, SQLITE_CHECKPOINT_RESTART, nullptr, nullptr);
 }
 
-void Outbox::moveAside()
+/// Not a new failure: the file could not be moved before, which was logged then.
+void Outbox::moveAside(bool isNew)
 {
     const QString aside = damagedOutboxPath(m_path);
     m_connection.reset();
     m_lastStored = 0;
     if (!QFile::rename(m_path, aside)) {
-        qInfo() << "The damaged outbox" << m_path << "cannot be moved aside";
+        if (isNew)
+            qInfo() << "The damaged outbox" << m_path << "cannot be moved aside";
         return;
     }
     for (const char *part : {"-wal", "-shm"})

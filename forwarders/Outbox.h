@@ -81,6 +81,7 @@ public:
 private:
     template <typename Action>
     bool attempt(Action action);
+    bool hasMoved() const;
     void ensureOpen();
     void open();
     void create();
@@ -92,7 +93,7 @@ private:
     int dropOldest();
     qint64 usedBytes() const;
     void handleFailure(const SqliteError &error);
-    void moveAside();
+    void moveAside(bool isNew);
 
     const QString m_path;
     std::unique_ptr<SqliteConnection> m_connection;

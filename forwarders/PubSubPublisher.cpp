@@ -146,6 +146,7 @@ void PubSubPublisher::handle(
         m_queue->accept(batch.range);
         m_batchBytes = qMin(mostBytesInBatch, m_batchBytes * 2);
         m_tokenRenewed = false;
+        m_refused = 0;
         m_logged.clear();
         if (!m_backoff.isResting()) // the server may have asked for it meanwhile
             m_backoff.reset();
@@ -193,6 +194,11 @@ void PubSubPublisher::narrow(const Batch &batch, int messageCount, const QString
     } else if (!messages->isEmpty()) {
         qInfo() << "PubSubDataForwarder : message" << batch.range.first << "is refused :" << reason;
         m_queue->refuse({messages->first(), reason});
+        if (++m_refused
+            >= Outbox::keptRefused) { // it is hardly the messages: from here on they would be lost
+            m_backoff.rest(m_times.forbiddenRest);
+            rest(reason);
+        }
     }
 }
 

@@ -64,6 +64,7 @@ private:
     QList<Batch> m_waiting; // failed ones, the oldest first
     int m_underWay = 0;
     int m_batchBytes = mostBytesInBatch; // less on a line that is too slow for it
+    int m_refused = 0; // messages, since one was accepted
     bool m_tokenRenewed = false; // because of a 401, and nothing was accepted since
     QString m_logged; // the failure that was logged last; empty after a success
 };

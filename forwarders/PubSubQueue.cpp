@@ -37,6 +37,8 @@ PubSubQueue::~PubSubQueue()
 
 void PubSubQueue::add(const QByteArray &json)
 {
+    if (m_fresh.size() >= mostInMemory)
+        write(); // a burst, as after a stall, comes sooner than the timer
     if (m_fresh.size() >= mostInMemory) {
         m_fresh.dequeue();
         ++m_change.dropped;
@@ -133,7 +135,7 @@ int PubSubQueue::nextWrite() const
 {
     qint64 due = lastSequence;
     if (!m_fresh.isEmpty())
-        due = m_fresh.first().heard + writeAge();
+        due = m_fresh.size() < mostInMemory ? m_fresh.first().heard + writeAge() : 0;
     if (!m_change.isEmpty())
         due = qMin(due, m_changed + removalDelay);
     if (due == lastSequence)
@@ -147,10 +149,11 @@ void PubSubQueue::write()
         return;
     numberMessages();
     const qint64 heardBefore = m_clock.elapsed() - writeAge();
+    const bool writesAll = m_late || !diskWorks() || m_fresh.size() >= mostInMemory;
     int count = 0;
     for (const FreshMessage &each : qAsConst(m_fresh)) {
         // While the server is slow, the others would come to the disk anyway, in a commit of their own.
-        if (each.message.sequence == 0 || (each.heard > heardBefore && !m_late && diskWorks()))
+        if (each.message.sequence == 0 || (each.heard > heardBefore && !writesAll))
             break;
         ++count;
     }

@@ -38,6 +38,14 @@ bool isPublishAnswer(const QByteArray &body, int messageCount)
         && std::all_of(ids.begin(), ids.end(), [](const QJsonValue &id) { return id.isString(); });
 }
 
+/// Whether something else than the messages has to be mended, such as billing or a region:
+/// https://cloud.google.com/pubsub/docs/reference/error-codes
+bool isPrecondition(const QByteArray &body)
+{
+    const QJsonValue error = QJsonDocument::fromJson(body).object().value(QLatin1String("error"));
+    return error[QLatin1String("status")].toString() == QLatin1String("FAILED_PRECONDITION");
+}
+
 PublishAnswer::Verdict verdictOf(int code)
 {
     switch (code) {
@@ -80,8 +88,10 @@ PublishAnswer publishAnswer(int code, const QString &phrase, const QByteArray &b
         ? oneLine(phrase)
         : oneLine(QStringLiteral("%1 %2").arg(QString::number(code), said.isEmpty() ? phrase : said));
     // A page of something on the way must not make messages refused.
-    const bool isForeign = said.isEmpty() && !body.trimmed().isEmpty();
-    return {isForeign ? PublishAnswer::NoAnswer : verdictOf(code), reason};
+    const PublishAnswer::Verdict verdict = verdictOf(code);
+    if (said.isEmpty() && (!body.trimmed().isEmpty() || verdict == PublishAnswer::Refused))
+        return {PublishAnswer::NoAnswer, reason}; // nor may one that was cut
+    return {isPrecondition(body) ? PublishAnswer::Forbidden : verdict, reason};
 }
 
 QString errorText(const QByteArray &body)

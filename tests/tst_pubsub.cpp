@@ -24,6 +24,7 @@ private slots:
     void renewsTheTokenBeforeItEnds();
     void signsWithTheServersTime();
     void lateMessagesComeToTheDisk();
+    void burstsAndTakenFilesLoseNothingMore();
     void stopKeepsEverything();
     void numbersAreNeverUsedTwice();
     void limitDropsTheOldest();
@@ -100,6 +101,10 @@ void TestPubSub::keepsWhatFails_data()
     QTest::newRow("too few") << Answer{200, R"({"messageIds":[]})"} << foreign << 0;
     QTest::newRow("endless") << Answer{200, QByteArray(3000000, ' ')} << "Operation canceled"_s << 0;
     QTest::newRow("a 400 of another") << Answer{400, "<html>", "Bad"} << "400 Bad"_s << 0;
+    QTest::newRow("a 400 that was cut") << Answer{400, {}, "Bad"} << "400 Bad"_s << 0;
+    QTest::newRow("billing") << Answer{400,
+        R"({"error":{"message":"no billing","status":"FAILED_PRECONDITION"}})", "Bad"}
+                             << "project \"proj\", topic \"topic\" : 400 no billing"_s << 290;
     QTest::newRow("403") << refusal(403) << "project \"proj\", topic \"topic\" : 403 no"_s << 290;
     QTest::newRow("404") << refusal(404) << "project \"proj\", topic \"topic\" : 404 no"_s << 290;
 }
@@ -257,6 +262,24 @@ void TestPubSub::lateMessagesComeToTheDisk()
     QTRY_COMPARE(output.texts(), QStringList("one"_s));
     QTRY_COMPARE(output.waiting(), "0"_s);
     QCOMPARE(output.stored("SELECT sequence FROM message"_s), QString());
+}
+
+void TestPubSub::burstsAndTakenFilesLoseNothingMore()
+{
+    Output output(m_file, m_certificates, m_key);
+    const Answer token = std::exchange(output.token, {503});
+    output.start();
+    output.say(1, 2500); // what piles up in a stall comes before any timer
+    QTRY_COMPARE(output.waiting(), "2500"_s);
+    QCOMPARE(output.stored("SELECT dropped FROM state"_s), "0"_s);
+
+    for (const char *part : {"", "-wal", "-shm"})
+        QVERIFY(QFile::remove(output.path() + QLatin1String(part)));
+    output.say(2501, 2501);
+    QTRY_COMPARE(output.waiting(), "1"_s);
+    QCOMPARE(output.stored("SELECT sequence FROM message"_s), "2501"_s);
+    output.token = token;
+    QTRY_COMPARE(output.texts(), numbers(2501, 2501));
 }
 
 void TestPubSub::stopKeepsEverything()
