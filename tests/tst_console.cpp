@@ -5,6 +5,7 @@
 #include "tools/quillonctl/PasswordFile.h"
 
 #include <memory>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -53,6 +54,8 @@ public:
     {
         return QTest::qWaitFor([&] { return (m_received += m_socket->readAll()).contains(part); }, timeoutMs);
     }
+    void readSlowly() { m_socket->setReadBufferSize(1); }
+    void readFast() { m_socket->setReadBufferSize(0); }
     QByteArray received() const { return m_received; }
     bool isOpen() { return m_socket->state() == QAbstractSocket::ConnectedState; }
 
@@ -102,15 +105,19 @@ private slots:
     void refusesToStart_data();
     void refusesToStart();
     void slowClientsCostNobodyElse();
+    void outlivesAShortageOfDescriptors();
     void stateHasWhatQuillonctlShows();
     void followsTheStream();
     void eventClients();
+    void whoDoesNotReadMisses_data();
+    void whoDoesNotReadMisses();
     void loginIsSlowedDown();
     void changes_data();
     void changes();
     void sessionsEnd();
     void speaksTls();
     void passwordFile();
+    void historyIsBounded();
     void framesPerMinute();
 
 private:
@@ -189,6 +196,12 @@ void TestConsole::answers_data()
     QTest::newRow("chart") << 200 << get("/chart.js");
     QTest::newRow("large header") << 200 << get("/", "X: " + filler(8000) + "\r\n");
     QTest::newRow("header too large") << 431 << get("/", "X: " + filler(8192) + "\r\n");
+    const QByteArray chunked =
+        post("/api/login", {}).replace("Content-Length: 0", "Transfer-Encoding: chunked");
+    QTest::newRow("chunk extension") << 400 << chunked + "2;x=" + filler(100) + "\r\n{}\r\n0\r\nX: y\r\n\r\n";
+    QTest::newRow("chunk extension too large")
+        << 431 << chunked + "2;x=" + filler(20000) + "\r\n{}\r\n0\r\n\r\n";
+    QTest::newRow("trailer too large") << 431 << chunked + "2\r\n{}\r\n0\r\nX: " + filler(20000) + "\r\n\r\n";
     QTest::newRow("header without an end") << 431 << "GET / HTTP/1.1\r\n" + filler(20000);
     QTest::newRow("body too large") << 413 << post("/api/say", filler(4097));
     QTest::newRow("no such body") << 413
@@ -239,6 +252,7 @@ void TestConsole::refusesToStart_data()
     QTest::addColumn<QByteArray>("reason");
     QTest::newRow("any address") << "--listen 0.0.0.0:%1"_s << QByteArray("console password");
     QTest::newRow("any IPv6 address") << "--listen [::]:%1"_s << QByteArray("a password is needed");
+    QTest::newRow("proxy") << "--listen 127.0.0.1:%1 --behind-proxy"_s << QByteArray("with --behind-proxy");
     QTest::newRow("name") << "--listen example.org:%1"_s << QByteArray("not the name");
     QTest::newRow("no port") << "--listen 127.0.0.1"_s << QByteArray("HOST:PORT");
     QTest::newRow("no key") << "--certificate /dev/null"_s << QByteArray("--key");
@@ -276,6 +290,20 @@ void TestConsole::slowClientsCostNobodyElse()
     while (clock.elapsed() < 8000 && slow.back().send("h").isOpen()) // a byte now and then wins no time
         QTest::qWait(300);
     QCOMPARE(statusOf(slow.back().answer()), 408);
+}
+
+void TestConsole::outlivesAShortageOfDescriptors()
+{
+    start();
+    QCOMPARE(statusOf(ask(get("/"))), 200);
+    const rlimit few = {30, 4096};
+    QCOMPARE(prlimit(pid_t(m_console->processId()), RLIMIT_NOFILE, &few, nullptr), 0);
+    std::vector<Client> many;
+    for (int i = 0; i < 40; ++i)
+        many.emplace_back(m_port).send("GET");
+    QTest::qWait(200);
+    many.clear();
+    QCOMPARE(statusOf(ask(get("/"))), 200);
 }
 
 void TestConsole::stateHasWhatQuillonctlShows()
@@ -375,6 +403,44 @@ void TestConsole::eventClients()
     QVERIFY(clients.back().waitFor("n202<"));
 }
 
+void TestConsole::whoDoesNotReadMisses_data()
+{
+    QTest::addColumn<bool>("overTls");
+    QTest::newRow("in clear") << false;
+    QTest::newRow("over TLS") << true;
+}
+
+void TestConsole::whoDoesNotReadMisses()
+{
+    QFETCH(bool, overTls);
+    const TestCertificates certificates;
+    const QString path = m_file->file("stream"_s);
+    m_file->addForwarder("STREAM"_s, path);
+    QLocalServer daemon;
+    QVERIFY(daemon.listen(path));
+    if (overTls)
+        start(
+            {"--certificate"_s, certificates.file("cert.pem"_s), "--key"_s, certificates.file("key.pem"_s)});
+    else
+        start();
+    QTRY_VERIFY(daemon.hasPendingConnections());
+    QLocalSocket *stream = daemon.nextPendingConnection();
+    Client client = overTls ? Client(m_port, certificates) : Client(m_port);
+    client.send(get("/api/events"));
+    QVERIFY(client.waitFor("event: state"));
+    client.readSlowly();
+    const int count = 800; // 50 MiB: more than the system and the history take
+    for (int i = 1; i <= count; ++i) {
+        stream->write(frame(i).replace("<script>", QByteArray(65536, 'x')));
+        if (i % 10 == 0)
+            QTRY_VERIFY(stream->bytesToWrite() == 0);
+    }
+    QTest::qWait(500);
+    client.readFast();
+    QVERIFY(client.waitFor("\"n" + QByteArray::number(count) + 'x', 30000));
+    QVERIFY(client.received().contains("event: missed\ndata: {\"count\":"));
+}
+
 void TestConsole::loginIsSlowedDown()
 {
     setPassword();
@@ -466,9 +532,10 @@ void TestConsole::sessionsEnd()
     Client follower(m_port);
     follower.send(get("/api/events", second));
     QVERIFY(follower.waitFor("event: state"));
+    QVERIFY(follower.waitFor("\nevent: alive\ndata: {}\n\n", 20000));
     setPassword("another one");
+    QTRY_VERIFY_WITH_TIMEOUT(!follower.isOpen(), 20000); // though nobody asks
     QCOMPARE(statusOf(ask(get("/api/state", second))), 401);
-    QTRY_VERIFY(!follower.isOpen());
     QVERIFY(QFile::remove(m_file->path() + ".console-password"_s));
     QCOMPARE(statusOf(ask(post("/api/restart", "", second))), 401);
 }
@@ -503,6 +570,18 @@ void TestConsole::passwordFile()
     const PasswordFile opened(m_file->path());
     QVERIFY(!opened.matches(password));
     QVERIFY(opened.problem().contains("chmod 600"_s));
+}
+
+void TestConsole::historyIsBounded()
+{
+    History history;
+    for (int i = 0; i < 1200; ++i)
+        history.add("x", {}, {});
+    QCOMPARE(history.first(), 201);
+    for (int i = 0; i < 10; ++i)
+        history.add(QByteArray(1024 * 1024, 'x'), {}, {});
+    QCOMPARE(history.last(), 1210);
+    QCOMPARE(history.first(), 1207);
 }
 
 void TestConsole::framesPerMinute()

@@ -13,7 +13,7 @@ class Access
 public:
     struct Settings
     {
-        bool loopbackOnly = true; ///< the console listens on this machine only
+        bool loopbackOnly = true; ///< only who is on this machine can reach the console
         bool behindProxy = false; ///< X-Forwarded-For and -Proto of a proxy on this machine count
     };
 

@@ -1,6 +1,6 @@
 #include "tools/console/Connection.h"
 
-#include <QSslSocket>
+#include "tools/console/SocketQueue.h"
 
 #include <sys/socket.h>
 
@@ -18,7 +18,11 @@ Connection::Connection(QTcpSocket *socket, QObject *parent)
     m_socket->setParent(this);
     m_socket->setReadBufferSize(16384);
     connect(m_socket, &QTcpSocket::readyRead, this, &Connection::read);
-    connect(m_socket, &QTcpSocket::bytesWritten, this, &Connection::closeAfterAnswer);
+    if (const auto *tls =
+            qobject_cast<QSslSocket *>(m_socket)) // its bytesWritten comes before they are queued
+        connect(tls, &QSslSocket::encryptedBytesWritten, this, &Connection::closeAfterAnswer);
+    else
+        connect(m_socket, &QTcpSocket::bytesWritten, this, &Connection::closeAfterAnswer);
     connect(m_socket, &QTcpSocket::disconnected, this, &Connection::finish);
     connect(m_socket, &QTcpSocket::errorOccurred, this, &Connection::finish);
     m_patience.setSingleShot(true);
@@ -84,7 +88,7 @@ void Connection::closeAfterAnswer()
     if (!m_answered)
         return;
     m_patience.start(answerPatienceMs); // there is progress
-    if (m_socket->bytesToWrite() > 0)
+    if (waitingOf(*m_socket) > 0)
         return;
     if (qobject_cast<QSslSocket *>(m_socket)) {
         m_socket->disconnectFromHost();

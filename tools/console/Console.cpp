@@ -44,7 +44,10 @@ QByteArray compact(const QJsonObject &object)
 
 Console::Console(const QString &configFile, Access::Settings settings, QObject *parent)
     : QObject(parent), m_access(configFile, settings), m_box(configFile, m_pool),
-      m_hub(m_box.history(), [this](const QByteArray &session) { return m_access.mayLook(session); })
+      m_hub(m_box.history(), [this](const QByteArray &session) {
+          m_access.followPassword();
+          return m_access.mayLook(session);
+      })
 {
     m_pool.setMaxThreadCount(threads);
     connect(&m_box, &Box::recorded, &m_hub, &EventHub::scheduleFlush);

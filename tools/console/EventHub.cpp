@@ -1,7 +1,8 @@
 #include "tools/console/EventHub.h"
 
+#include "tools/console/SocketQueue.h"
+
 #include <QRandomGenerator>
-#include <QTcpSocket>
 
 #include <algorithm>
 #include <netinet/in.h>
@@ -54,6 +55,8 @@ void EventHub::add(QTcpSocket *socket, const QByteArray &lastEventId, const QByt
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket, &QTcpSocket::readyRead, this, [socket] { socket->readAll(); });
     connect(socket, &QTcpSocket::bytesWritten, this, &EventHub::scheduleFlush);
+    if (const auto *tls = qobject_cast<QSslSocket *>(socket))
+        connect(tls, &QSslSocket::encryptedBytesWritten, this, &EventHub::scheduleFlush);
     connect(socket, &QTcpSocket::disconnected, this, [this, socket] { remove(socket); });
     socket->write(known ? "retry: 2000\n\n" : "retry: 2000\nevent: reset\ndata: {}\n\n");
 
@@ -88,7 +91,7 @@ void EventHub::flush()
 
 void EventHub::write(Client &client)
 {
-    const qint64 waiting = client.socket->bytesToWrite();
+    const qint64 waiting = waitingOf(*client.socket);
     if (waiting >= maximumWaiting)
         return;
     QByteArray events;
@@ -111,8 +114,8 @@ void EventHub::sendHeartbeats()
 {
     dropEnded();
     for (const auto &client : m_clients) {
-        if (client->socket->bytesToWrite() == 0)
-            client->socket->write(":\n\n");
+        if (waitingOf(*client->socket) == 0)
+            client->socket->write("event: alive\ndata: {}\n\n"); // a comment would not reach the page's code
     }
 }
 

@@ -15,8 +15,11 @@ qint64 minuteOf(const QDateTime &time)
 void History::add(const QByteArray &line, const QJsonObject &record, const QDateTime &now)
 {
     m_lines.push_back(line);
-    if (m_lines.size() > size_t(capacity))
+    m_bytes += line.size();
+    while (m_lines.size() > size_t(capacity) || m_bytes > maximumBytes) {
+        m_bytes -= m_lines.front().size();
         m_lines.pop_front();
+    }
     ++m_last;
 
     const QString port = record.value(QStringLiteral("port")).toString();

@@ -10,12 +10,13 @@
 #include <array>
 #include <deque>
 
-/// What was heard and sent lately: the last 1,000 records as they came, each with a number that counts up
-/// from 1, and for each port how many frames came in each of the last 60 minutes.
+/// What was heard and sent lately: the last 1,000 records as they came, or fewer that take 4 MiB, each with a
+/// number that counts up from 1, and for each port how many frames came in each of the last 60 minutes.
 class History
 {
 public:
     static constexpr int capacity = 1000;
+    static constexpr qint64 maximumBytes = 4 * 1024 * 1024;
     static constexpr int minutes = 60;
 
     /// Takes a record of the kind "frame", "command" or "lost": as the line of the stream, without its end,
@@ -44,6 +45,7 @@ private:
     static void advance(Activity &activity, qint64 minute);
 
     std::deque<QByteArray> m_lines;
+    qint64 m_bytes = 0; ///< of m_lines
     QHash<QString, Activity> m_activities;
     qint64 m_last = 0;
 };

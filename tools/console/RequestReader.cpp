@@ -38,8 +38,10 @@ RequestReader::State RequestReader::feed(const QByteArray &bytes)
     m_pending += bytes;
     while (m_state == Reading && !m_pending.isEmpty()) {
         boost::beast::error_code error;
-        const auto buffer = boost::asio::buffer(m_pending.constData(), size_t(m_pending.size()));
-        m_pending.remove(0, int(m_parser->put(buffer, error)));
+        // The parser itself bounds neither a chunk's extensions nor the trailers.
+        const size_t offered = qMin(size_t(m_pending.size()), size_t(headerLimit));
+        const size_t taken = m_parser->put(boost::asio::buffer(m_pending.constData(), offered), error);
+        m_pending.remove(0, int(taken));
         if (error == http::error::header_limit)
             return refuse(431);
         if (error == http::error::body_limit)
@@ -48,8 +50,8 @@ RequestReader::State RequestReader::feed(const QByteArray &bytes)
             return refuse(400);
         if (m_parser->is_done())
             m_state = Complete;
-        else if (error)
-            break;
+        else if (error && taken == 0)
+            return offered == headerLimit ? refuse(431) : m_state;
     }
     return m_state;
 }

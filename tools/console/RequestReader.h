@@ -22,8 +22,8 @@ struct Request
     QByteArray cookie(const QByteArray &name) const;
 };
 
-/// Makes a request of the bytes of a connection (RFC 9112), however they are cut. A header section of more
-/// than 8 KiB, a body of more than 4 KiB, and what is no HTTP are refused.
+/// Makes a request of the bytes of a connection (RFC 9112), however they are cut. A header section, a chunk's
+/// extensions or trailers of more than 8 KiB, a body of more than 4 KiB, and what is no HTTP are refused.
 class RequestReader
 {
 public:

@@ -5,12 +5,14 @@
 #include <QFile>
 #include <QSslKey>
 #include <QSslSocket>
+#include <QTimer>
 
 #include <algorithm>
 
 namespace {
 
 const size_t maximumConnections = 128;
+const int acceptPauseMs = 1000;
 
 QByteArray contentOf(const QString &path)
 {
@@ -36,6 +38,9 @@ QSslKey readKey(const QString &path)
 Server::Server(QObject *parent) : QTcpServer(parent)
 {
     setMaxPendingConnections(int(maximumConnections));
+    // Qt stops accepting when the system is out of file descriptors, and would not begin again.
+    connect(this, &QTcpServer::acceptError, this,
+        [this] { QTimer::singleShot(acceptPauseMs, this, &QTcpServer::resumeAccepting); });
 }
 
 void Server::useCertificate(const QString &certificateFile, const QString &keyFile)

@@ -69,15 +69,15 @@ QHostAddress checkedAddress(const QString &host)
     return address;
 }
 
-void requirePassword(const QString &configFile, const QHostAddress &address)
+void requirePassword(const QString &configFile, const QString &place, bool loopbackOnly)
 {
     const PasswordFile password(configFile);
     if (!password.exists()) {
-        if (!address.isLoopback())
-            throw CommandError(QStringLiteral(
-                "a password is needed to listen on %1: set one with quillonctl --configfile %2 "
-                "console password")
-                                   .arg(address.toString(), configFile));
+        if (!loopbackOnly)
+            throw CommandError(
+                QStringLiteral("a password is needed to listen %1: set one with quillonctl --configfile %2 "
+                               "console password")
+                    .arg(place, configFile));
     } else if (!password.problem().isEmpty()) {
         throw CommandError(password.problem());
     }
@@ -89,7 +89,12 @@ int serve(const Options &options)
         checkedText(options.configFile, QStringLiteral("the path of the configuration file"), 4000);
     const HostPort listen = checkedHostPort(options.listen);
     const QHostAddress address = checkedAddress(listen.host);
-    requirePassword(configFile, address);
+    // Whoever reaches the proxy comes from this machine then.
+    const bool loopbackOnly = address.isLoopback() && !options.behindProxy;
+    requirePassword(configFile,
+        options.behindProxy ? QStringLiteral("with --behind-proxy")
+                            : QStringLiteral("on %1").arg(address.toString()),
+        loopbackOnly);
 
     const TerminationSignals terminationSignals;
     Server server;
@@ -99,7 +104,7 @@ int serve(const Options &options)
     if (!server.listen(address, quint16(listen.port)))
         throw CommandError(QStringLiteral("cannot listen on %1: %2")
                                .arg(hostAndPort(listen.host, listen.port), server.errorString()));
-    Console console(configFile, {address.isLoopback(), options.behindProxy});
+    Console console(configFile, {loopbackOnly, options.behindProxy});
     QObject::connect(&server, &Server::requested, &console, &Console::handle);
     console.start();
     std::printf("quillon-console: %s://%s/\n", options.certificate.empty() ? "http" : "https",

@@ -1,7 +1,11 @@
 // The way to the console: its state, what is live, and what it is asked to do.
 
+const stateTimeoutMs = 20000;
+const silenceMs = 40000; // the console says that it is alive every 15 s
+
 let token = "";
 let source = null;
+let silence = null;
 let lastId = "";
 
 export class Refused extends Error {
@@ -19,7 +23,7 @@ async function answerOf(response) {
 }
 
 export async function getState() {
-  const state = await answerOf(await fetch("/api/state"));
+  const state = await answerOf(await fetch("/api/state", { signal: AbortSignal.timeout(stateTimeoutMs) }));
   token = state.session.token ?? "";
   return state;
 }
@@ -31,26 +35,39 @@ export async function post(path, body = {}) {
 
 /**
  * Follows what is live until stop(): handlers `joined`, `lost`, `state`, `reset`, `record` and `missed`. After an
- * interruption it goes on where it was.
+ * interruption it goes on where it was. A console that has gone without a word is lost after a silence.
  */
 export function follow(handlers) {
   stop();
   source = new EventSource("/api/events?after=" + encodeURIComponent(lastId));
-  source.onopen = () => handlers.joined();
-  source.onerror = () => {
+  const lose = () => {
     stop();
     handlers.lost();
   };
-  source.addEventListener("reset", () => handlers.reset());
-  source.addEventListener("state", event => handlers.state(JSON.parse(event.data)));
-  source.addEventListener("missed", event => handlers.missed(JSON.parse(event.data).count));
-  source.addEventListener("record", event => {
+  const listen = (name, handle) => source.addEventListener(name, event => {
+    expectMore(lose);
+    handle(event);
+  });
+  expectMore(lose);
+  source.onopen = () => handlers.joined();
+  source.onerror = lose;
+  listen("alive", () => {});
+  listen("reset", () => handlers.reset());
+  listen("state", event => handlers.state(JSON.parse(event.data)));
+  listen("missed", event => handlers.missed(JSON.parse(event.data).count));
+  listen("record", event => {
     lastId = event.lastEventId;
     handlers.record(JSON.parse(event.data), Number(lastId.split("-")[1]));
   });
 }
 
+function expectMore(lose) {
+  clearTimeout(silence);
+  silence = setTimeout(lose, silenceMs);
+}
+
 export function stop() {
+  clearTimeout(silence);
   source?.close();
   source = null;
 }

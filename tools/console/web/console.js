@@ -60,7 +60,8 @@ async function start() {
       stop();
       askForPassword(true);
     } else {
-      if (!(error instanceof Refused) && !(error instanceof TypeError)) console.error(error);
+      const away = error instanceof Refused || error instanceof TypeError || error.name === "TimeoutError";
+      if (!away) console.error(error);
       handlers.lost();
     }
   }
