@@ -124,7 +124,7 @@ private:
     void start(const QStringList &options = {});
     void stop();
     QByteArray ask(const QByteArray &request) const { return Client(m_port).send(request).answer(); }
-    void setPassword(const QByteArray &value = password);
+    void setPassword(const QByteArray &value = password) const;
     /// Logs in and yields the headers of a request that may change something.
     QByteArray logIn();
     QByteArray control(const QStringList &arguments, const QByteArray &input = {});
@@ -148,6 +148,7 @@ void TestConsole::init()
 void TestConsole::start(const QStringList &options)
 {
     m_console = std::make_unique<QProcess>();
+    m_console->setProcessChannelMode(QProcess::ForwardedErrorChannel);
     m_console->start(QUILLON_BIN_DIR "/quillon-console"_s,
         QStringList{"-c"_s, m_file->path(), "--listen"_s, "127.0.0.1:%1"_s.arg(m_port)} + options);
     QVERIFY(m_console->waitForReadyRead());
@@ -173,9 +174,9 @@ QByteArray TestConsole::control(const QStringList &arguments, const QByteArray &
     return process.readAllStandardOutput() + process.readAllStandardError();
 }
 
-void TestConsole::setPassword(const QByteArray &value)
+void TestConsole::setPassword(const QByteArray &value) const
 {
-    control({"console"_s, "password"_s}, value + '\n');
+    PasswordFile(m_file->path()).store(value);
 }
 
 QByteArray TestConsole::logIn()
@@ -556,7 +557,7 @@ void TestConsole::passwordFile()
 {
     QVERIFY(control({"console"_s, "password"_s}, "short\n").contains("at least 8"));
     QVERIFY(control({"console"_s, "password"_s}).contains("no password was given"));
-    setPassword();
+    QVERIFY(control({"console"_s, "password"_s}, password + '\n').contains("is set"));
     struct stat status = {};
     const QString path = m_file->path() + ".console-password"_s;
     QCOMPARE(stat(QFile::encodeName(path).constData(), &status), 0);

@@ -8,6 +8,8 @@
 #include <QPointer>
 #include <QTcpSocket>
 
+#include <openssl/crypto.h>
+
 namespace {
 
 const int threads = 3;
@@ -176,6 +178,7 @@ void Console::logIn(Connection *connection, const Request &request)
     const QPointer<Connection> waiting(connection);
     m_pool.start([this, waiting, request, given = password.toString().toUtf8()] {
         const bool matched = m_access.passwordFile().matches(given);
+        OPENSSL_thread_stop(); // at the process's end the thread may not get to it
         QMetaObject::invokeMethod(this, [this, waiting, request, matched] {
             --m_hashing;
             handleLogin(waiting, request, matched);
