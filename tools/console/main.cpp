@@ -113,6 +113,21 @@ int serve(const Options &options)
     return QCoreApplication::exec();
 }
 
+int run(int argc, char *argv[])
+{
+    Options options;
+    CLI::App app("Serves a page that shows what the Quillon gateway hears and does.", "quillon-console");
+    addOptions(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() == 0)
+            return app.exit(error); // prints the help or the version
+        throw CommandError(QString::fromUtf8(error.what()) + QStringLiteral("; see quillon-console --help"));
+    }
+    return serve(options);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -124,16 +139,8 @@ int main(int argc, char *argv[])
     qInstallMessageHandler(handleMessage);
     int ownArgument = 1; // the others are not Qt's to look at
     const QCoreApplication application(ownArgument, argv);
-    Options options;
-    CLI::App app("Serves a page that shows what the Quillon gateway hears and does.", "quillon-console");
-    addOptions(app, options);
     try {
-        app.parse(argc, argv);
-        return serve(options);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error); // prints the help or the version
-        printError(QString::fromUtf8(error.what()) + QStringLiteral("; see quillon-console --help"));
+        return run(argc, argv);
     } catch (const CommandError &error) {
         printError(error.message());
     } catch (const std::exception &error) {
