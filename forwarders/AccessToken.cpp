@@ -14,7 +14,7 @@ namespace {
 
 constexpr int assertionLifetime = 1800; // s
 constexpr qint64 usualLifetime = 1800; // s, of a token whose server does not tell
-constexpr qint64 longestLifetime = 24 * 3600; // s
+constexpr qint64 longestLifetime = 24LL * 3600; // s
 
 /// What keeps an output from working as its row stands; empty when nothing does.
 QString problemOf(const DataForwarderConfig &row, const QString &tokenUri, const QByteArray &assertion)

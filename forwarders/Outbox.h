@@ -101,6 +101,6 @@ private:
     qint64 m_next = 1; // the next sequence number
     qint64 m_reserved = 1; // the file says that those below it may have been used
     qint64 m_lastStored = 0;
-    qint64 m_limit = 256 * 1024 * 1024;
+    qint64 m_limit = 256LL * 1024 * 1024;
     QString m_failure; // the last one, empty when the file works
 };

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr qint64 usualLimit = 256; // MiB
-constexpr qint64 greatestLimit = 1024 * 1024; // MiB
+constexpr qint64 greatestLimit = 1024LL * 1024; // MiB
 
 } // namespace
 

@@ -78,7 +78,7 @@ std::optional<QVector<OutboxMessage>> PubSubPublisher::nextMessages(Batch *batch
 {
     while (!m_waiting.isEmpty()) {
         *batch = m_waiting.first();
-        const auto messages = m_queue->takeAgain(batch->range, batch->limit, m_batchBytes);
+        auto messages = m_queue->takeAgain(batch->range, batch->limit, m_batchBytes);
         if (!messages)
             return {};
         m_waiting.removeFirst();
