@@ -31,14 +31,14 @@ void judge(FuzzedDataProvider &input)
     ServerClock clock;
     clock.note(header);
     const qint64 rest = clock.retryAfter(header);
-    require(rest >= 0 && rest <= 3600 * 1000, "a server makes nobody rest for more than an hour");
+    require(rest >= 0 && rest <= 3600LL * 1000, "a server makes nobody rest for more than an hour");
     require(clock.secondsSinceEpoch() >= 0, "time is after 1970");
 }
 
 void use(const QString &path)
 {
     Outbox outbox(path);
-    outbox.setLimit(64 * 1024);
+    outbox.setLimit(64LL * 1024);
     const qint64 sequence = outbox.nextSequence();
     require(sequence > outbox.lastStored(), "a new number is greater than every old one");
     require(outbox.apply({{{sequence, "{}"}}, {}, {}, 0}).has_value(), "a new message can be stored");

@@ -2,7 +2,7 @@
 
 #include <QNetworkReply>
 
-static constexpr qint64 longestAnswer = 1024 * 1024; // bytes
+static constexpr qint64 longestAnswer = 1024LL * 1024; // bytes
 
 void limitAnswer(QNetworkReply *reply)
 {

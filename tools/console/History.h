@@ -16,7 +16,7 @@ class History
 {
 public:
     static constexpr int capacity = 1000;
-    static constexpr qint64 maximumBytes = 4 * 1024 * 1024;
+    static constexpr qint64 maximumBytes = 4LL * 1024 * 1024;
     static constexpr int minutes = 60;
 
     /// Takes a record of the kind "frame", "command" or "lost": as the line of the stream, without its end,
