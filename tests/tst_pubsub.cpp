@@ -122,7 +122,7 @@ void TestPubSub::keepsWhatFails()
     clock.start();
     output.say("kept");
     QTRY_COMPARE_WITH_TIMEOUT(output.texts(), QStringList("kept"_s), 8000);
-    QVERIFY2(clock.elapsed() >= 2 * rest, qPrintable(QString::number(clock.elapsed())));
+    QVERIFY2(clock.elapsed() >= 2LL * rest, qPrintable(QString::number(clock.elapsed())));
     QTRY_COMPARE(output.status(), 3);
     QVERIFY(
         m_file.run("SELECT group_concat(status) FROM shown WHERE id = ?"_s, {output.id}).endsWith("4,3"_s));
@@ -337,7 +337,7 @@ void TestPubSub::limitDropsTheOldest()
     QTRY_COMPARE(output.stored("SELECT waiting + dropped FROM state"_s), "1500"_s);
     const int dropped = output.stored("SELECT dropped FROM state"_s).toInt();
     QVERIFY(dropped > 500 && dropped < 1000);
-    QVERIFY(QFileInfo(output.path()).size() + 0 <= 4 * 1024 * 1024);
+    QVERIFY(QFileInfo(output.path()).size() + 0 <= 4LL * 1024 * 1024);
     QCOMPARE(log.count("The outbox is full"_s), 1);
     output.token.code = 200;
     QTRY_COMPARE_WITH_TIMEOUT(output.texts().size(), 1500 - dropped, 8000);

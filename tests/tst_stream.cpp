@@ -99,6 +99,42 @@ public:
     int asked = 0;
 };
 
+/// What is heard and sent by speakOfEveryKind(): kind, fields, text.
+const char *const expected[] = {R"(esn {"esn":"0123"} *NTF,INFO,ESN,0123)",
+    R"(comment {"comment":""} *NTF,INFO,COMMENT,)",
+    R"(dspFirmware {"dspInfo":"X","dspVersion":"1.02"} *NTF,INFO,DREV,1.02,X)",
+    R"(firmware {"firmwareCode":"$3","firmwareInfo":"","firmwareVersion":"1.2a"} *NTF,INFO,REV,1.2a,$3)",
+    R"(frontFirmware {"frontInfo":"NG","frontVersion":"NG"} *NTF,INFO,FREV,NG)",
+    R"(dpmrCall {"callerId":"3","field1":"2","field3":"4","field4":"5"} *NTF,DPMR,RXVCALL,1,2,3,4,5)",
+    R"(analogCall {"code":"1","field2":"2","field3":"3"} *NTF,5T,RXCODE,1,2,3)",
+    R"(dpmrStatus {"callerId":"3","field1":"2","field3":"4","field4":"5","field5":"6"} *NTF,DPMR,RXSTAT,1,2,3,4,5,6)",
+    R"(gps {"callerId":"3","field1":"2","field3":"4","field4":"5","message":"N,E"} *NTF,DPMR,RXMSG,1,2,3,4,5,GPS,"N,E")",
+    R"(battery {"state":"L1"} *NTF,CTRL,BATVST,L1")", R"(txPower {"state":"ON"} *NTF,CTRL,RFPWRST,ON")",
+    R"(unsolicited {} *NTF,é)", R"(query {} *GET,INFO,ESN)", R"(display {} *SET,UI,TEXT,Équipe 1)",
+    R"(kill {} *SET,5T,TXCODE,123DC)", R"(kill {} *SET,DPMR,TXSTAT,IND,4567,0047312,30,ACK)"};
+
+void speakOfEveryKind(Speaker &radio)
+{
+    RetrieveEsnCommand esn(nullptr);
+    RetrieveCloningCommentCommand comment(nullptr, 1);
+    RetrieveDspFirmwareCommand dsp(nullptr);
+    RetrieveFirmwareVersionCommand firmware(nullptr);
+    RetrieveFrontFirmwareCommand front(nullptr);
+    radio.hear(esn, "*NTF,INFO,ESN,0123");
+    radio.hear(comment, "*NTF,INFO,COMMENT,");
+    radio.hear(dsp, "*NTF,INFO,DREV,1.02,X");
+    radio.hear(firmware, "*NTF,INFO,REV,1.2a,$3");
+    radio.hear(front, "*NTF,INFO,FREV,NG");
+    for (const char *frame : {"*NTF,DPMR,RXVCALL,1,2,3,4,5", "*NTF,5T,RXCODE,1,2,3",
+             "*NTF,DPMR,RXSTAT,1,2,3,4,5,6", "*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,\"N,E\"", "*NTF,CTRL,BATVST,L1\"",
+             "*NTF,CTRL,RFPWRST,ON\"", "*NTF,é"})
+        radio.hear(QByteArray(frame));
+    radio.tell(QSharedPointer<RetrieveEsnCommand>::create(nullptr));
+    radio.tell(QSharedPointer<DisplayTextCommand>::create(nullptr, "<NAME>"_s, 1));
+    radio.tell(QSharedPointer<AnalogKillCommand>::create(nullptr, "123"_s));
+    radio.tell(QSharedPointer<DpmrKillCommand>::create(nullptr, "4567"_s));
+}
+
 } // namespace
 
 class TestStream : public QObject
@@ -141,39 +177,7 @@ void TestStream::recordsOfEveryKind()
     Listener client(m_path);
     QVERIFY(client.has(1));
 
-    RetrieveEsnCommand esn(nullptr);
-    RetrieveCloningCommentCommand comment(nullptr, 1);
-    RetrieveDspFirmwareCommand dsp(nullptr);
-    RetrieveFirmwareVersionCommand firmware(nullptr);
-    RetrieveFrontFirmwareCommand front(nullptr);
-    radio.hear(esn, "*NTF,INFO,ESN,0123");
-    radio.hear(comment, "*NTF,INFO,COMMENT,");
-    radio.hear(dsp, "*NTF,INFO,DREV,1.02,X");
-    radio.hear(firmware, "*NTF,INFO,REV,1.2a,$3");
-    radio.hear(front, "*NTF,INFO,FREV,NG");
-    for (const char *frame : {"*NTF,DPMR,RXVCALL,1,2,3,4,5", "*NTF,5T,RXCODE,1,2,3",
-             "*NTF,DPMR,RXSTAT,1,2,3,4,5,6", "*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,\"N,E\"", "*NTF,CTRL,BATVST,L1\"",
-             "*NTF,CTRL,RFPWRST,ON\"", "*NTF,é"})
-        radio.hear(QByteArray(frame));
-    radio.tell(QSharedPointer<RetrieveEsnCommand>::create(nullptr));
-    radio.tell(QSharedPointer<DisplayTextCommand>::create(nullptr, "<NAME>"_s, 1));
-    radio.tell(QSharedPointer<AnalogKillCommand>::create(nullptr, "123"_s));
-    radio.tell(QSharedPointer<DpmrKillCommand>::create(nullptr, "4567"_s));
-
-    const char *const expected[] = {R"(esn {"esn":"0123"} *NTF,INFO,ESN,0123)",
-        R"(comment {"comment":""} *NTF,INFO,COMMENT,)",
-        R"(dspFirmware {"dspInfo":"X","dspVersion":"1.02"} *NTF,INFO,DREV,1.02,X)",
-        R"(firmware {"firmwareCode":"$3","firmwareInfo":"","firmwareVersion":"1.2a"} *NTF,INFO,REV,1.2a,$3)",
-        R"(frontFirmware {"frontInfo":"NG","frontVersion":"NG"} *NTF,INFO,FREV,NG)",
-        R"(dpmrCall {"callerId":"3","field1":"2","field3":"4","field4":"5"} *NTF,DPMR,RXVCALL,1,2,3,4,5)",
-        R"(analogCall {"code":"1","field2":"2","field3":"3"} *NTF,5T,RXCODE,1,2,3)",
-        R"(dpmrStatus {"callerId":"3","field1":"2","field3":"4","field4":"5","field5":"6"} )"
-        "*NTF,DPMR,RXSTAT,1,2,3,4,5,6",
-        R"(gps {"callerId":"3","field1":"2","field3":"4","field4":"5","message":"N,E"} )"
-        R"(*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,"N,E")",
-        R"(battery {"state":"L1"} *NTF,CTRL,BATVST,L1")", R"(txPower {"state":"ON"} *NTF,CTRL,RFPWRST,ON")",
-        R"(unsolicited {} *NTF,é)", R"(query {} *GET,INFO,ESN)", R"(display {} *SET,UI,TEXT,Équipe 1)",
-        R"(kill {} *SET,5T,TXCODE,123DC)", R"(kill {} *SET,DPMR,TXSTAT,IND,4567,0047312,30,ACK)"};
+    speakOfEveryKind(radio);
     QVERIFY(client.has(1 + int(std::size(expected))));
     for (int i = 0; i < int(std::size(expected)); ++i) {
         const QJsonObject record = client.record(i + 1);
