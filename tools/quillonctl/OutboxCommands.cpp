@@ -30,7 +30,7 @@ bool hasOutput(const ConfigFile &file, int id)
 
 QString existingOutbox(const ConfigFile &file, int id)
 {
-    const QString path = outboxFiles(file.path()).value(id);
+    QString path = outboxFiles(file.path()).value(id);
     if (path.isEmpty())
         throw CommandError(QStringLiteral("there is no outbox %1: see quillonctl outbox list").arg(id));
     return path;

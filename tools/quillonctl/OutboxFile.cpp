@@ -26,10 +26,10 @@ QString ageText(const QJsonObject &row)
     const qint64 seconds = qint64(row.value(QLatin1String("oldest")).toDouble());
     if (seconds < 120)
         return QStringLiteral("%1 s").arg(seconds);
-    if (seconds < 120 * 60)
+    if (seconds < 120LL * 60)
         return QStringLiteral("%1 min").arg(seconds / 60);
-    return seconds < 48 * 3600 ? QStringLiteral("%1 h").arg(seconds / 3600)
-                               : QStringLiteral("%1 days").arg(seconds / 86400);
+    return seconds < 48LL * 3600 ? QStringLiteral("%1 h").arg(seconds / 3600)
+                                 : QStringLiteral("%1 days").arg(seconds / 86400);
 }
 
 /// Turns what SQLite reports into what a command reports.

@@ -84,7 +84,7 @@ void addPendingCommands(CLI::App &app, CommandContext &context)
 QString queueText(const ConfigFile &file, const std::string &argument)
 {
     const QString text = checkedText(argument, QStringLiteral("a text"), 200);
-    const QString displayed = displayedText(text);
+    QString displayed = displayedText(text);
     if (displayed.trimmed().isEmpty())
         throw CommandError(QStringLiteral("nothing of this text would reach a display"));
     file.insert(table, {{commandColumn, displayPrefix + text}});
