@@ -111,7 +111,7 @@ void requireFitting(const OutputKind &kind, const OutputOptions &options)
 
 StreamTarget checkedListeningPlace(const OutputOptions &options)
 {
-    const StreamTarget target = StreamTarget::fromArgument(*options.target);
+    StreamTarget target = StreamTarget::fromArgument(*options.target);
     const QString problem = target.problem();
     if (!problem.isEmpty())
         throw CommandError(problem);
