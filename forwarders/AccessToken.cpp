@@ -85,11 +85,13 @@ void AccessToken::finish(QNetworkReply *reply)
         request(); // signed with the server's time it may be taken
         return;
     }
+    const qint64 retryAfter = m_clock->retryAfter(reply->rawHeader("Retry-After"));
+    if (!value().isEmpty()) // there is still time for another try
+        m_renewal.start(int(qMax(retryAfter, m_lifetime / 100)));
     QString reason = errorText(answer);
     if (reason.isEmpty())
         reason = code == 200 ? QStringLiteral("the answer holds no access token") : reply->errorString();
-    emit failed(QStringLiteral("no access token: %1").arg(reason),
-        m_clock->retryAfter(reply->rawHeader("Retry-After")));
+    emit failed(QStringLiteral("no access token: %1").arg(reason), retryAfter);
 }
 
 bool AccessToken::take(const QByteArray &answer)

@@ -10,6 +10,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+CloudOwner CloudOwner::read()
+{
+    ConfigDatabase *database = ConfigDatabase::getInstance();
+    return {database->getSystemConfigurationValue(OWNER_EMAIL_KEY),
+        database->getSystemConfigurationValue(OWNER_DEPT_KEY)};
+}
+
 CloudMessage CloudMessage::received(
     const QSharedPointer<RadioAdapterConfig> &radio, const IcomCommandResponse &response)
 {
@@ -30,9 +37,8 @@ void CloudMessage::askText()
     command.clear();
 }
 
-QByteArray CloudMessage::toJson() const
+QByteArray CloudMessage::toJson(const CloudOwner &owner) const
 {
-    ConfigDatabase *database = ConfigDatabase::getInstance();
     const QVariantMap fields{
         {QStringLiteral("port"), radio->port},
         {QStringLiteral("portDesc"), radio->name},
@@ -42,8 +48,8 @@ QByteArray CloudMessage::toJson() const
         {QStringLiteral("rawData"), rawData},
         {QStringLiteral("transmissionDate"), timestamp},
         {QStringLiteral("source"), QHostInfo::localHostName()},
-        {QStringLiteral("owner_email"), database->getSystemConfigurationValue(OWNER_EMAIL_KEY)},
-        {QStringLiteral("owner_dept"), database->getSystemConfigurationValue(OWNER_DEPT_KEY)},
+        {QStringLiteral("owner_email"), owner.email},
+        {QStringLiteral("owner_dept"), owner.department},
     };
     return QJsonDocument(QJsonObject::fromVariantMap(fields)).toJson(QJsonDocument::Compact);
 }

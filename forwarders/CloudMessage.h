@@ -10,6 +10,16 @@
 class IcomCommand;
 class IcomCommandResponse;
 
+/// Who answers for this gateway, as the configuration says.
+struct CloudOwner
+{
+    /// As it stands in the file.
+    static CloudOwner read();
+
+    QString email;
+    QString department;
+};
+
 /// One frame or command on its way to a Pub/Sub topic: what the cloud outputs say about it.
 struct CloudMessage
 {
@@ -21,7 +31,7 @@ struct CloudMessage
     /// Ten fields as compact JSON with sorted keys: port, portDesc, radioBand, radioModel, trx, rawData,
     /// transmissionDate (ISO 8601 with milliseconds, UTC), source (this host's name), owner_email,
     /// owner_dept.
-    QByteArray toJson() const;
+    QByteArray toJson(const CloudOwner &owner) const;
 
     bool isReceived() const { return direction == QLatin1String("RX"); }
     /// Asks `command` for the text, once.

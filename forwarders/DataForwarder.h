@@ -19,6 +19,9 @@ public:
     /// `id` is the row id in data_forwarder.
     DataForwarder(QObject *parent, int id);
 
+    /// Whether it promises to lose nothing: then a frame goes there before another output may hold it up.
+    virtual bool isDurable() const { return false; }
+
 public slots:
     /// One frame received from a radio; to be called by the adapter's signal.
     virtual void forward(QSharedPointer<IcomCommandResponse> resp) = 0;

@@ -176,7 +176,7 @@ void GcpDataForwarder::publish(CloudMessage message)
 
 QNetworkReply *GcpDataForwarder::post(const CloudMessage &message)
 {
-    const QByteArray data = ServiceAccount::toBase64Url(message.toJson());
+    const QByteArray data = ServiceAccount::toBase64Url(message.toJson(CloudOwner::read()));
     QNetworkRequest request =
         cloudRequest(publishUrl(m_endpoint, m_projectId, m_topic), QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);

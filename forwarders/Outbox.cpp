@@ -203,7 +203,7 @@ qint64 Outbox::lastStored()
 
 qint64 Outbox::nextSequence()
 {
-    if ((!m_connection || m_next >= m_reserved) && !attempt([this] {
+    if (!hasNumbers() && !attempt([this] {
             if (m_next >= m_reserved)
                 reserve(m_next + reservedAtOnce);
         }))

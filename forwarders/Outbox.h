@@ -44,7 +44,7 @@ struct OutboxChange
 
 /// The messages of one output that the cloud has not accepted yet, in an SQLite file of their own. A commit
 /// is on the disk when it returns. The file is opened when it is first needed and kept open; nothing is
-/// thrown: what fails is logged once, and tried again at the next call that is not too soon. A damaged file
+/// thrown: what fails is logged once, and tried again at the next call. A damaged file
 /// is moved aside and a new one begun.
 class Outbox
 {
@@ -56,6 +56,8 @@ public:
 
     /// Names this outbox among all outboxes; made with the file. Empty while there is none.
     QByteArray uuid() const { return m_uuid; }
+    /// Whether the next number can be had without the disk.
+    bool hasNumbers() const { return m_connection && m_next < m_reserved; }
     /// A number greater than every one before, none of them used twice, whatever happens to this process.
     /// 0 while the file cannot be written.
     qint64 nextSequence();

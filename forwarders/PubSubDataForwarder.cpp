@@ -2,12 +2,14 @@
 
 #include "config/ConfigDatabase.h"
 #include "config/ConfigKeys.h"
+#include "forwarders/LongWait.h"
 #include "forwarders/OutboxFiles.h"
 
 namespace {
 
 constexpr qint64 usualLimit = 256; // MiB
 constexpr qint64 greatestLimit = 1024LL * 1024; // MiB
+constexpr qint64 ownerLifetime = 1000; // ms
 
 } // namespace
 
@@ -28,7 +30,10 @@ PubSubDataForwarder::PubSubDataForwarder(QObject *parent, int id, const Publishe
             accepted && m_queue.diskWorks() ? DataForwarderConfig::Working : DataForwarderConfig::Failed);
         scheduleWrite();
     });
-    QTimer::singleShot(0, &m_publisher, &PubSubPublisher::publish);
+    m_sendTimer.setSingleShot(true);
+    connect(&m_sendTimer, &QTimer::timeout, &m_publisher, &PubSubPublisher::publish);
+    connect(LongWait::getInstance(), &LongWait::begins, this, [this] { m_queue.writeAll(); });
+    m_sendTimer.start(0);
 }
 
 void PubSubDataForwarder::forward(QSharedPointer<IcomCommandResponse> resp)
@@ -43,9 +48,21 @@ void PubSubDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
 
 void PubSubDataForwarder::add(const CloudMessage &message)
 {
-    m_queue.add(message.toJson());
-    m_publisher.publish();
+    refreshOwner();
+    m_queue.add(message.toJson(m_owner));
+    m_sendTimer.start(0); // after the other outputs have the frame, too
     scheduleWrite();
+}
+
+/// Who owns the gateway changes so seldom that a burst of frames need not ask each time.
+void PubSubDataForwarder::refreshOwner()
+{
+    if (m_ownerAge.isValid() && !m_ownerAge.hasExpired(ownerLifetime))
+        return;
+    m_ownerAge.start();
+    const CloudOwner owner = CloudOwner::read();
+    if (!ConfigDatabase::getInstance()->lastReadFailed())
+        m_owner = owner;
 }
 
 void PubSubDataForwarder::readLimit()

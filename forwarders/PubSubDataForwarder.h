@@ -1,5 +1,6 @@
 #pragma once
 
+#include "config/ConfigKeys.h"
 #include "forwarders/CloudMessage.h"
 #include "forwarders/DataForwarder.h"
 #include "forwarders/PubSubPublisher.h"
@@ -14,12 +15,15 @@ class PubSubDataForwarder : public DataForwarder
 public:
     PubSubDataForwarder(QObject *parent, int id, const PublisherTimes &times = PublisherTimes());
 
+    bool isDurable() const override { return true; }
+
 public slots:
     void forward(QSharedPointer<IcomCommandResponse> resp) override;
     void forwardSent(QSharedPointer<IcomCommand> command) override;
 
 private:
     void add(const CloudMessage &message);
+    void refreshOwner();
     void readLimit();
     void write();
     void scheduleWrite();
@@ -27,6 +31,9 @@ private:
 
     PubSubQueue m_queue;
     PubSubPublisher m_publisher;
+    CloudOwner m_owner{UNDEFINED_VALUE, UNDEFINED_VALUE};
+    QElapsedTimer m_ownerAge;
+    QTimer m_sendTimer;
     QTimer m_writeTimer;
     bool m_accepted = false; // the last request
     DataForwarderConfig::ForwarderStatus m_status = DataForwarderConfig::Idle;

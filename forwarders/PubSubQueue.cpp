@@ -28,9 +28,7 @@ PubSubQueue::PubSubQueue(const QString &outboxPath) : m_outbox(outboxPath)
 
 PubSubQueue::~PubSubQueue()
 {
-    numberMessages();
-    if (!m_fresh.isEmpty() || !m_change.isEmpty())
-        commit(m_fresh.size());
+    writeAll();
     if (!m_fresh.isEmpty())
         qInfo() << m_fresh.size() << "messages could not be written to the outbox and are lost";
 }
@@ -46,8 +44,9 @@ void PubSubQueue::add(const QByteArray &json)
     }
     // Numbers are given in the order of hearing: none while an earlier message lacks one.
     const bool numbered = m_fresh.isEmpty() || m_fresh.last().message.sequence != 0;
-    const qint64 sequence = numbered && m_clock.elapsed() >= m_retryAt ? m_outbox.nextSequence() : 0;
-    if (sequence == 0 && numbered)
+    const bool mayAsk = m_outbox.hasNumbers() || m_clock.elapsed() >= m_retryAt;
+    const qint64 sequence = numbered && mayAsk ? m_outbox.nextSequence() : 0;
+    if (sequence == 0 && numbered && mayAsk)
         m_retryAt = m_clock.elapsed() + diskRetryDelay;
     m_fresh.enqueue({{sequence, json}, m_clock.elapsed()});
 }
@@ -148,20 +147,30 @@ void PubSubQueue::write()
     if (nextWrite() != 0)
         return;
     numberMessages();
-    const qint64 heardBefore = m_clock.elapsed() - writeAge();
+    // While the server is slow, the others would come to the disk anyway, in a commit of their own.
     const bool writesAll = m_late || !diskWorks() || m_fresh.size() >= mostInMemory;
-    int count = 0;
-    for (const FreshMessage &each : qAsConst(m_fresh)) {
-        // While the server is slow, the others would come to the disk anyway, in a commit of their own.
-        if (each.message.sequence == 0 || (each.heard > heardBefore && !writesAll))
-            break;
-        ++count;
-    }
+    const int count = writable(writesAll ? m_clock.elapsed() : m_clock.elapsed() - writeAge());
     const bool unnumbered = count < m_fresh.size() && m_fresh.at(count).message.sequence == 0;
     if (!commit(count) || unnumbered)
         m_retryAt = m_clock.elapsed() + diskRetryDelay;
     else if (count > 0)
         m_late = true;
+}
+
+void PubSubQueue::writeAll()
+{
+    numberMessages();
+    const int count = writable(m_clock.elapsed());
+    if (count > 0 || !m_change.isEmpty())
+        commit(count);
+}
+
+/// How many messages of those heard up to a time, in ms on m_clock, have the number that the disk asks for.
+int PubSubQueue::writable(qint64 heardUntil) const
+{
+    const auto end = std::find_if(m_fresh.begin(), m_fresh.end(),
+        [&](const FreshMessage &each) { return each.message.sequence == 0 || each.heard > heardUntil; });
+    return int(std::distance(m_fresh.begin(), end));
 }
 
 /// Writes the oldest messages in memory, and what else is to be done.

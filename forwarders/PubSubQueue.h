@@ -37,6 +37,8 @@ public:
 
     /// Writes what is due to the disk.
     void write();
+    /// Writes everything that is in memory to the disk.
+    void writeAll();
     /// When write() is to be called next, in ms from now; -1 when there is nothing to be written.
     int nextWrite() const;
 
@@ -50,6 +52,7 @@ private:
     qint64 writeAge() const;
     void numberMessages();
     QVector<OutboxMessage> fresh(SequenceRange range, int count, int bytes) const;
+    int writable(qint64 heardUntil) const;
     bool commit(int count);
     void countDropped(qint64 dropped);
 

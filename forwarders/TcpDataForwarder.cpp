@@ -1,5 +1,7 @@
 #include "forwarders/TcpDataForwarder.h"
 
+#include "forwarders/LongWait.h"
+
 #include <QDebug>
 #include <QElapsedTimer>
 #include <QHostAddress>
@@ -106,10 +108,13 @@ void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
 
 void TcpDataForwarder::connectBlocking()
 {
+    if (!m_isRefusedAtOnce) // it would be again
+        emit LongWait::getInstance()->begins();
     QElapsedTimer wait;
     wait.start();
     m_socket.connectToHost(m_target, tcpPort(m_port));
     const bool isConnected = m_socket.waitForConnected(connectTimeout);
+    m_isRefusedAtOnce = !isConnected && !wait.hasExpired(longWait);
     if (wait.hasExpired(longWait)) {
         rest().sinceWait.start();
         rest().sinceBusy.start();
@@ -150,6 +155,8 @@ void TcpDataForwarder::write(const QByteArray &message)
 
 void TcpDataForwarder::waitUntilWritten()
 {
-    if (m_connected) // the write may have broken the connection
-        m_socket.waitForBytesWritten(writeTimeout);
+    if (!m_connected || m_socket.bytesToWrite() == 0) // the write may have broken the connection
+        return;
+    emit LongWait::getInstance()->begins();
+    m_socket.waitForBytesWritten(writeTimeout);
 }

@@ -62,7 +62,12 @@ bool SerialDiscoverer::makeForwarders()
     for (const DataForwarderConfig &row : rows) {
         if (!row.enabled)
             continue;
-        if (const auto forwarder = createForwarder(row))
+        const auto forwarder = createForwarder(row);
+        if (!forwarder)
+            continue;
+        if (forwarder->isDurable()) // the others may hold a frame up for a long time
+            m_forwarders.prepend(forwarder);
+        else
             m_forwarders.append(forwarder);
     }
     return true;

@@ -1,5 +1,6 @@
 #include "forwarders/ExtendedRawDataForwarder.h"
 #include "forwarders/FileDataForwarder.h"
+#include "forwarders/LongWait.h"
 #include "forwarders/RadioModels.h"
 #include "forwarders/RawDataForwarder.h"
 #include "protocol/ActionCommands.h"
@@ -8,6 +9,7 @@
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 
+#include <QSignalSpy>
 #include <QtNetwork>
 
 #include <csignal>
@@ -107,6 +109,7 @@ void TestForwarders::unreachableTcpTargets()
     // Ports beyond the range, which must not end up at the server; no name that needs a resolver.
     const QPair<QString, int> targets[] = {{localhost, 65536 + server.serverPort()},
         {localhost, server.serverPort() - 65536}, {"no host"_s, 9}, {""_s, 9}};
+    const QSignalSpy longWaits(LongWait::getInstance(), &LongWait::begins);
     LogCapture log;
     std::vector<std::unique_ptr<RawOutput>> outputs;
     for (const auto &[host, port] : targets)
@@ -123,6 +126,7 @@ void TestForwarders::unreachableTcpTargets()
     QVERIFY(std::all_of(outputs.begin(), outputs.end(), [](auto &output) { return output->status() == 4; }));
     QTRY_VERIFY(log.count("\"no host\""_s) > 2); // it is looked up again
     QVERIFY(!server.hasPendingConnections());
+    QVERIFY(longWaits.count() <= 2); // by the first attempts of those that are refused
 }
 
 void TestForwarders::tcpServerComesGoesAndComesBack()
@@ -176,6 +180,20 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     const QScopedPointer<QTcpSocket> client(server.nextPendingConnection());
     raw.hear("back");
     QTRY_COMPARE(client->bytesAvailable(), 6); // and nothing of what was lost
+
+    const QSignalSpy longWaits(LongWait::getInstance(), &LongWait::begins);
+    std::thread reader([descriptor = int(client->socketDescriptor())] {
+        QByteArray taken(1 << 20, 0);
+        for (int i = 0; i < 100; ++i) { // begins late, and goes on for a second
+            QThread::msleep(i == 0 ? 300 : 10);
+            ::recv(descriptor, taken.data(), size_t(taken.size()), MSG_DONTWAIT);
+        }
+    });
+    clock.start();
+    raw.hear(QByteArray(16 << 20, 'x'));
+    QVERIFY2(clock.elapsed() >= 250, "it waits until the system takes some more");
+    reader.join();
+    QCOMPARE(longWaits.count(), 1);
 }
 
 void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
@@ -197,10 +215,12 @@ void TestForwarders::longWaitsForConnectionsLeaveTimeBetweenThem()
 
     // Its name is looked up while the first one waits.
     const Output<ExtendedRawDataForwarder> second(m_file, "slow1"_s, server.serverPort());
+    const QSignalSpy longWaits(LongWait::getInstance(), &LongWait::begins);
     const RawOutput first(m_file, localhost, server.serverPort());
     QVERIFY(QTest::qWaitFor([&] { return first.status() == 3; }, 10000));
+    const bool isAnnounced = longWaits.count() == 1;
     QTest::qWait(200); // for the look-up
-    const bool waits = second.status() == 0;
+    const bool waits = isAnnounced && second.status() == 0;
     QElapsedTimer clock;
     clock.start();
     QThread::msleep(2000); // as if a slow computer read meanwhile what the radios said

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "forwarders/LongWait.h"
 #include "forwarders/OutboxFiles.h"
 #include "forwarders/PubSubDataForwarder.h"
 #include "protocol/Notifications.h"

@@ -1,0 +1,7 @@
+#include "forwarders/LongWait.h"
+
+LongWait *LongWait::getInstance()
+{
+    static LongWait instance;
+    return &instance;
+}
