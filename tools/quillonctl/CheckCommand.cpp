@@ -5,6 +5,7 @@
 #include "config/DataForwarderConfig.h"
 #include "forwarders/CloudRequests.h"
 #include "forwarders/OutboxFiles.h"
+#include "forwarders/PublishRequest.h"
 #include "serial/DevicePath.h"
 #include "tools/quillonctl/CredentialFile.h"
 #include "tools/quillonctl/InputChecks.h"
@@ -247,18 +248,26 @@ void Check::checkPubSub(const QString &subject, const QSqlRecord &output, const 
     const CredentialFile credential =
         CredentialFile::fromSecret(output.value(QStringLiteral("secret")).toString());
     const QString problem = credential.problem();
+    const bool isDurable =
+        output.value(QStringLiteral("type")).toString().toUpper() == QLatin1String("PUBSUB");
     if (!problem.isEmpty()) {
-        report(Error, subject,
-            QStringLiteral("its credential cannot be used: %1; what it postpones stays in memory, and more "
-                           "comes with every frame")
-                .arg(problem),
+        const QString text = isDurable
+            ? QStringLiteral("its credential cannot be used: %1")
+            : QStringLiteral("its credential cannot be used: %1; what it postpones "
+                             "stays in memory, and more comes with every frame");
+        report(Error, subject, text.arg(problem),
             QStringLiteral("quillonctl forwarder set %1 --credentials FILE, or forwarder disable %1")
                 .arg(id));
         return;
     }
-    if (output.value(QStringLiteral("context")).toString().isEmpty())
-        report(Error, subject, QStringLiteral("it has no topic"),
-            QStringLiteral("quillonctl forwarder set %1 --topic NAME").arg(id));
+    const QString topic = output.value(QStringLiteral("context")).toString();
+    const QString topicRemedy = QStringLiteral("quillonctl forwarder set %1 --topic NAME").arg(id);
+    if (topic.isEmpty())
+        report(Error, subject, QStringLiteral("it has no topic"), topicRemedy);
+    else if (isDurable && !isTopicId(topic))
+        report(Error, subject,
+            QStringLiteral("nothing is sent: there can be no topic of the name \"%1\"").arg(topic),
+            topicRemedy);
     const QString target = output.value(QStringLiteral("target")).toString();
     if (!endpointProblem(target).isEmpty()) {
         report(Error, subject, QStringLiteral("nothing is sent: ") + endpointProblem(target),
