@@ -107,6 +107,8 @@ void TestConsole::refusesToStart()
 void TestConsole::slowClientsCostNobodyElse()
 {
     start();
+    ConsoleClient follower(m_port);
+    QVERIFY(follower.send(get("/api/events")).waitFor("event: state"));
     std::vector<ConsoleClient> slow;
     for (int i = 0; i < 200; ++i) // more than are kept
         slow.emplace_back(m_port).send("GET / HTTP/1.1\r\nHost: local");
@@ -121,6 +123,7 @@ void TestConsole::slowClientsCostNobodyElse()
     while (clock.elapsed() < 8000 && slow.back().send("h").isOpen()) // a byte now and then wins no time
         QTest::qWait(300);
     QCOMPARE(statusOf(slow.back().answer()), 408);
+    QVERIFY(follower.waitFor("\nevent: alive\ndata: {}\n\n", 20000));
 }
 
 void TestConsole::outlivesAShortageOfDescriptors()
