@@ -4,8 +4,6 @@
 #include "support/PluggedRadio.h"
 #include "support/TestDatabase.h"
 
-#include <QtNetwork>
-
 namespace {
 
 /// A discoverer that enumerates what it is told to and scans when it is told to.
@@ -57,7 +55,6 @@ private slots:
     void theRowThatDecides();
     void lockedFileIsWaitedFor();
     void replugging();
-    void outputsLearnOfRadios();
 
 private:
     TestDatabase m_file;
@@ -209,36 +206,6 @@ void TestDiscoverer::replugging()
     radio.unplug();
     QTRY_COMPARE(openFiles(), filesAfterFirst);
     QCOMPARE(m_file.run("SELECT count(*) FROM radio_adapters"_s), "1"_s);
-}
-
-void TestDiscoverer::outputsLearnOfRadios()
-{
-    PluggedRadio radio(19200, "28940002"_s);
-    const QString portName = radio.portName();
-    m_file.addForwarder("STREAM"_s, m_file.file("stream"_s));
-    m_discoverer->initForwarders();
-    QLocalSocket client;
-    client.connectToServer(m_file.file("stream"_s));
-    QStringList states;
-    const auto read = [&] {
-        while (client.canReadLine()) {
-            const QJsonObject record = QJsonDocument::fromJson(client.readLine()).object();
-            const QString port = record.value("port"_s).toString();
-            if (record.value("record"_s) == "radio"_s)
-                states.append(
-                    QStringList{port == portName ? "radio"_s : port, record.value("state"_s).toString(),
-                        record.value("esn"_s).toString(), record.value("model"_s).toString()}
-                        .join(u' '));
-        }
-        return states.join(u'|');
-    };
-    QTRY_VERIFY(client.canReadLine());
-    m_discoverer->scan({"ttyUSB999"_s, portName});
-    QTRY_VERIFY(read().contains("28940002"_s));
-    radio.unplug();
-    QTRY_COMPARE(read(),
-        "ttyUSB999 searching  unknown|ttyUSB999 stopped  unknown|radio searching  unknown|"
-        "radio identified 28940002 ICF-4162|radio stopped 28940002 ICF-4162"_s);
 }
 
 QTEST_GUILESS_MAIN(TestDiscoverer)

@@ -1,15 +1,9 @@
-#include "forwarders/Outbox.h"
-#include "forwarders/OutboxFiles.h"
-#include "support/OpenSsl.h"
-#include "support/TestDatabase.h"
+#include "support/QuillonctlTest.h"
 
 #include <csignal>
-#include <memory>
-#include <sys/stat.h>
 
 namespace {
 
-const QString program = QUILLON_BIN_DIR "/quillonctl"_s;
 const QByteArray password("pass-word-1234");
 
 /// What comes of commands, and these as a shell reads them, between bars.
@@ -103,13 +97,11 @@ void addTestRows(const Cases &cases)
 
 } // namespace
 
-class TestQuillonctl : public QObject
+class TestQuillonctl : public QuillonctlTest
 {
     Q_OBJECT
 
 private slots:
-    void initTestCase();
-    void init();
     void changesRows_data() { addTestRows(changes); }
     void changesRows();
     void refusesAndChangesNothing_data() { addTestRows(refusals); }
@@ -119,67 +111,7 @@ private slots:
     void unusableFiles();
     void lockedFile();
     void initMakesTheFileOnce();
-    void showsAndDropsOutboxes();
-    void checkFindings();
-    void checkReachesServers();
-    void namesOfOneDevice();
-
-private:
-    int run(const QString &command, const QByteArray &input = {}, const QString &path = {});
-    QSet<QString> rows() const;
-    QByteArray fileBytes() const { return m_file->readFile("quillon.sqlite"_s); }
-
-    std::unique_ptr<TestDatabase> m_file;
-    QByteArray m_filledFile;
-    TestCredential m_credential;
-    QByteArray m_out;
-    QByteArray m_error;
 };
-
-void TestQuillonctl::initTestCase()
-{
-    init();
-    FreshDatabase made(m_file->path());
-    m_file->run(
-        "INSERT INTO radio_adapters VALUES (1, 'UART', 'ttyUSB7', 'n', 0, 0, 4800, 1, 1, 1, '28931')"_s);
-    m_file->run("UPDATE data_forwarder SET secret = 's', context = 't', comment = '', target = 'http://h'"_s);
-    m_file->run("INSERT INTO data_forwarder VALUES (2, 'Raw', 's', 'c', 'x', 'h', '1', 0, 3)"_s);
-    m_file->run("INSERT INTO pending_actions VALUES (1, 'RESTART_APP')"_s);
-    m_filledFile = fileBytes();
-}
-
-void TestQuillonctl::init()
-{
-    m_file = std::make_unique<TestDatabase>();
-    m_file->writeFile("quillon.sqlite"_s, m_filledFile);
-}
-
-int TestQuillonctl::run(const QString &command, const QByteArray &input, const QString &path)
-{
-    QProcess process;
-    process.setWorkingDirectory(m_file->folder());
-    process.start("sh"_s,
-        {"-c"_s, "exec \"$0\" -c \"$1\" "_s + command, program, path.isEmpty() ? m_file->path() : path});
-    process.write(input);
-    process.closeWriteChannel();
-    process.waitForFinished();
-    m_out = process.readAllStandardOutput();
-    m_error = process.readAllStandardError();
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
-}
-
-/// Every row of the file, each after the name of its table.
-QSet<QString> TestQuillonctl::rows() const
-{
-    QSet<QString> result;
-    for (const QString &table : {"radio_adapters"_s, "port_blacklist"_s, "data_forwarder"_s,
-             "system_configuration"_s, "pending_actions"_s}) {
-        for (const QString &row :
-            m_file->run("SELECT '%1', * FROM %1"_s.arg(table)).split(u'\n', Qt::SkipEmptyParts))
-            result.insert(row);
-    }
-    return result;
-}
 
 void TestQuillonctl::changesRows()
 {
@@ -243,7 +175,7 @@ void TestQuillonctl::listings()
     QVERIFY(fileBytes() == before);
 
     QProcess process; // redraws until it is interrupted
-    process.start(program, {"-c"_s, m_file->path(), "status"_s, "--watch"_s});
+    process.start(m_program, {"-c"_s, m_file->path(), "status"_s, "--watch"_s});
     QByteArray out;
     QTRY_VERIFY((out += process.readAllStandardOutput()).contains("not running"));
     m_file->run("UPDATE data_forwarder SET context = 'changed' WHERE ids = 1"_s);
@@ -341,119 +273,6 @@ void TestQuillonctl::initMakesTheFileOnce()
     QVERIFY(m_out.contains("nothing was changed") && fileBytes() == m_filledFile);
     QCOMPARE(run("init"_s, {}, m_file->file("none/new"_s)), 2);
     QVERIFY2(m_error.contains("cannot be made: ") && m_out.isEmpty(), m_error);
-}
-
-void TestQuillonctl::showsAndDropsOutboxes()
-{
-    const QString path = outboxPath(m_file->path(), 1);
-    m_file->run("UPDATE data_forwarder SET type = 'PUBSUB' WHERE ids = 1"_s);
-    QCOMPARE(run("status"_s), 0); // it has not run yet
-    Outbox running(path);
-    const QByteArray hour =
-        QDateTime::currentDateTimeUtc().addSecs(-3600).toString(Qt::ISODateWithMs).toUtf8();
-    const OutboxMessage message{running.nextSequence(), R"({"transmissionDate":")" + hour + "\"}"};
-    const OutboxMessage bad{running.nextSequence(), "bad"};
-    QCOMPARE(running.apply({{message, bad}, {}, {}, 7}).value_or(-1), 0);
-    QCOMPARE(running.apply({{}, {}, {{bad, "400 no"_s}}, 0}).value_or(-1), 0);
-
-    QCOMPARE(run("status --json"_s), 0);
-    const QJsonValue output = QJsonDocument::fromJson(m_out)["outputs"_s][0];
-    QJsonObject outbox = output["outbox"_s].toObject();
-    QVERIFY(qAbs(outbox.take("oldest"_s).toInt() - 3600) < 60);
-    const QJsonObject expected{{"waiting"_s, 1}, {"dropped"_s, 7}, {"refused"_s, 1}};
-    QCOMPARE(outbox, expected);
-    QCOMPARE(run("status"_s), 0);
-    QVERIFY2(QRegExp(".*\n1 +1 +60 min +7 +1 *\n.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
-    QCOMPARE(run("outbox show 1"_s), 0);
-    QVERIFY2(QRegExp(".*\n2 +400 no +bad *\n.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
-    QCOMPARE(run("outbox drop 1"_s), 2);
-    QCOMPARE(run("outbox drop 1 --yes"_s), 0);
-    QCOMPARE(running.read({1, 9}, 9, 999)->size(), 0);
-    QVERIFY(QFile::exists(path));
-    m_file->run("DELETE FROM data_forwarder WHERE ids = 1"_s);
-    QCOMPARE(run("outbox list"_s), 0);
-    QVERIFY2(QRegExp(".*\n1 +0 +- +8 +1 +no +.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
-    QCOMPARE(run("outbox drop 1 --yes"_s), 0);
-    QVERIFY(!QFile::exists(path));
-}
-
-void TestQuillonctl::checkFindings()
-{
-    const QString key = "UPDATE system_configuration SET value = "_s;
-    const QString radio =
-        "INSERT INTO radio_adapters (method, port, enabled, autobaud, tx_enabled) VALUES "_s;
-    const QString output = "INSERT INTO data_forwarder (type, enabled, target) VALUES "_s;
-    const QPair<QByteArray, QString> findings[] = {
-        {"warning: typo: ", "INSERT INTO system_configuration (name) VALUES ('typo')"_s},
-        {"warning: autokill_enabled: ", key + "'maybe' WHERE name = 'autokill_enabled'"_s},
-        {"warning: autokill_url: ", key + "'TRUE' WHERE name = 'autokill_enabled'"_s},
-        {"warning: schema release: ", key + "'0.21.0' WHERE name = 'bdd_release'"_s},
-        {"error: schema release: ", key + "'2.0' WHERE name = 'bdd_release'"_s},
-        {"warning: radio 2 (pts/999): /dev/pts/999 ", radio + "('STATIC', 'pts/999', 1, 1, 1)"_s},
-        {"warning: radio 2 (ttyAMA0): its port is blocked", radio + "('UART', 'ttyAMA0', 1, 1, 1)"_s},
-        {"error: radio 2 (ttyUSB998): it is only listened to", radio + "('UART', 'ttyUSB998', 1, 1, 0)"_s},
-        {"warning: radio 2 (/dev/ttyUSB7): another row", radio + "('UART', '/dev/ttyUSB7', 0, 1, 1)"_s},
-        {"error: radio 2 (ttyUSB999): its fixed speed", radio + "('UART', 'ttyUSB999', 1, 0, 1)"_s},
-        {"error: output 3 (FOO): ", output + "('FOO', 1, '')"_s},
-        {"error: output 3 (RAW): :0 cannot be reached: no host", output + "('RAW', 1, '')"_s},
-        {"error: output 1 (GCP): nothing is sent: ",
-            "UPDATE data_forwarder SET enabled = 2 - ids, target = 'https://h/x', secret = '%1'"_s.arg(
-                m_credential.secret("http://[::1]"_s))},
-        {"error: output 1 (GCP): its credential cannot be used: it is no JSON document; what it postpones "
-         "stays in memory",
-            "UPDATE data_forwarder SET enabled = 2 - ids"_s}};
-    for (const auto &[line, setup] : findings) {
-        init();
-        m_file->run("UPDATE data_forwarder SET enabled = 0"_s);
-        QCOMPARE(run("check"_s), 0);
-        QCOMPARE(m_out, QByteArray("Nothing to report.\n"));
-        m_file->run(setup);
-        const QByteArray before = fileBytes();
-        QCOMPARE(run("check"_s), line.startsWith("error") ? 2 : 1);
-        QVERIFY2(m_out.startsWith(line) && m_out.count('\n') == 1 && m_error.isEmpty(), m_out);
-        QVERIFY(fileBytes() == before);
-    }
-
-    m_file->run(radio + "('STATIC', '/etc/shadow', 1, 1, 1)"_s);
-    m_file->run(output + "('FILE', 1, '/etc/x')"_s);
-    QCOMPARE(run("check --user nobody --json"_s), 2);
-    for (const char *text :
-        {"change the file", "/etc/shadow cannot be opened by", "/etc cannot be written by"})
-        QVERIFY2(m_out.contains(text), text);
-}
-
-void TestQuillonctl::checkReachesServers()
-{
-    QTcpServer server;
-    QVERIFY(server.listen(QHostAddress::LocalHost));
-    const QString address = "//127.0.0.1:%1"_s.arg(server.serverPort());
-    m_file->run("DELETE FROM data_forwarder"_s);
-    m_file->addForwarder("RAW"_s, "127.0.0.1"_s, server.serverPort());
-    QCOMPARE(::mkfifo(QFile::encodeName(m_file->file("pipe"_s)).constData(), 0600), 0);
-    m_file->addForwarder("FILE"_s, m_file->file("pipe"_s));
-    m_file->addForwarder(
-        "GCP"_s, "http:"_s + address, 0, m_credential.secret("https:"_s + address), "topic"_s);
-    QCOMPARE(run("check"_s), 0);
-
-    server.close();
-    QCOMPARE(run("check"_s), 2);
-    QCOMPARE(m_out.count(" cannot be reached: Connection refused"), 3);
-}
-
-void TestQuillonctl::namesOfOneDevice()
-{
-    const QString link = m_file->file("link"_s);
-    QVERIFY(QFile::link("/dev/null"_s, link));
-    const QPair<QString, QString> cases[] = {{"port block null"_s, {}},
-        {"port block "_s + link, "It leads to /dev/null, which"_s}, {"port unblock "_s + link, {}},
-        {"radio add "_s + link, "The port is blocked as null: quillonctl port unblock null"_s},
-        {"check"_s, "radio 2 (%1): its port is blocked as null. Remedy: quillonctl port unblock null,"_s},
-        {"radio add null"_s, "Radio 2 (%1) stands for the same device: from now on the new row counts"_s},
-        {"check"_s, "radio 3 (null): another row stands for the same device"_s}};
-    for (const auto &[command, line] : cases) {
-        run(command);
-        QVERIFY2(m_out.contains(QString(line).replace("%1"_s, link).toUtf8()), m_out);
-    }
 }
 
 QTEST_GUILESS_MAIN(TestQuillonctl)

@@ -1,0 +1,95 @@
+#include "support/QuillonctlTest.h"
+
+#include <sys/stat.h>
+
+class TestQuillonctlCheck : public QuillonctlTest
+{
+    Q_OBJECT
+
+private slots:
+    void findings();
+    void reachesServers();
+    void namesOfOneDevice();
+};
+
+void TestQuillonctlCheck::findings()
+{
+    const QString key = "UPDATE system_configuration SET value = "_s;
+    const QString radio =
+        "INSERT INTO radio_adapters (method, port, enabled, autobaud, tx_enabled) VALUES "_s;
+    const QString output = "INSERT INTO data_forwarder (type, enabled, target) VALUES "_s;
+    const QPair<QByteArray, QString> cases[] = {
+        {"warning: typo: ", "INSERT INTO system_configuration (name) VALUES ('typo')"_s},
+        {"warning: autokill_enabled: ", key + "'maybe' WHERE name = 'autokill_enabled'"_s},
+        {"warning: autokill_url: ", key + "'TRUE' WHERE name = 'autokill_enabled'"_s},
+        {"warning: schema release: ", key + "'0.21.0' WHERE name = 'bdd_release'"_s},
+        {"error: schema release: ", key + "'2.0' WHERE name = 'bdd_release'"_s},
+        {"warning: radio 2 (pts/999): /dev/pts/999 ", radio + "('STATIC', 'pts/999', 1, 1, 1)"_s},
+        {"warning: radio 2 (ttyAMA0): its port is blocked", radio + "('UART', 'ttyAMA0', 1, 1, 1)"_s},
+        {"error: radio 2 (ttyUSB998): it is only listened to", radio + "('UART', 'ttyUSB998', 1, 1, 0)"_s},
+        {"warning: radio 2 (/dev/ttyUSB7): another row", radio + "('UART', '/dev/ttyUSB7', 0, 1, 1)"_s},
+        {"error: radio 2 (ttyUSB999): its fixed speed", radio + "('UART', 'ttyUSB999', 1, 0, 1)"_s},
+        {"error: output 3 (FOO): ", output + "('FOO', 1, '')"_s},
+        {"error: output 3 (RAW): :0 cannot be reached: no host", output + "('RAW', 1, '')"_s},
+        {"error: output 1 (GCP): nothing is sent: ",
+            "UPDATE data_forwarder SET enabled = 2 - ids, target = 'https://h/x', secret = '%1'"_s.arg(
+                m_credential.secret("http://[::1]"_s))},
+        {"error: output 1 (GCP): its credential cannot be used: it is no JSON document; what it postpones "
+         "stays in memory",
+            "UPDATE data_forwarder SET enabled = 2 - ids"_s}};
+    for (const auto &[line, setup] : cases) {
+        init();
+        m_file->run("UPDATE data_forwarder SET enabled = 0"_s);
+        QCOMPARE(run("check"_s), 0);
+        QCOMPARE(m_out, QByteArray("Nothing to report.\n"));
+        m_file->run(setup);
+        const QByteArray before = fileBytes();
+        QCOMPARE(run("check"_s), line.startsWith("error") ? 2 : 1);
+        QVERIFY2(m_out.startsWith(line) && m_out.count('\n') == 1 && m_error.isEmpty(), m_out);
+        QVERIFY(fileBytes() == before);
+    }
+
+    m_file->run(radio + "('STATIC', '/etc/shadow', 1, 1, 1)"_s);
+    m_file->run(output + "('FILE', 1, '/etc/x')"_s);
+    QCOMPARE(run("check --user nobody --json"_s), 2);
+    for (const char *text :
+        {"change the file", "/etc/shadow cannot be opened by", "/etc cannot be written by"})
+        QVERIFY2(m_out.contains(text), text);
+}
+
+void TestQuillonctlCheck::reachesServers()
+{
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    const QString address = "//127.0.0.1:%1"_s.arg(server.serverPort());
+    m_file->run("DELETE FROM data_forwarder"_s);
+    m_file->addForwarder("RAW"_s, "127.0.0.1"_s, server.serverPort());
+    QCOMPARE(::mkfifo(QFile::encodeName(m_file->file("pipe"_s)).constData(), 0600), 0);
+    m_file->addForwarder("FILE"_s, m_file->file("pipe"_s));
+    m_file->addForwarder(
+        "GCP"_s, "http:"_s + address, 0, m_credential.secret("https:"_s + address), "topic"_s);
+    QCOMPARE(run("check"_s), 0);
+
+    server.close();
+    QCOMPARE(run("check"_s), 2);
+    QCOMPARE(m_out.count(" cannot be reached: Connection refused"), 3);
+}
+
+void TestQuillonctlCheck::namesOfOneDevice()
+{
+    const QString link = m_file->file("link"_s);
+    QVERIFY(QFile::link("/dev/null"_s, link));
+    const QPair<QString, QString> cases[] = {{"port block null"_s, {}},
+        {"port block "_s + link, "It leads to /dev/null, which"_s}, {"port unblock "_s + link, {}},
+        {"radio add "_s + link, "The port is blocked as null: quillonctl port unblock null"_s},
+        {"check"_s, "radio 2 (%1): its port is blocked as null. Remedy: quillonctl port unblock null,"_s},
+        {"radio add null"_s, "Radio 2 (%1) stands for the same device: from now on the new row counts"_s},
+        {"check"_s, "radio 3 (null): another row stands for the same device"_s}};
+    for (const auto &[command, line] : cases) {
+        run(command);
+        QVERIFY2(m_out.contains(QString(line).replace("%1"_s, link).toUtf8()), m_out);
+    }
+}
+
+QTEST_GUILESS_MAIN(TestQuillonctlCheck)
+#include "tst_quillonctlcheck.moc"
