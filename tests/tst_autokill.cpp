@@ -52,7 +52,7 @@ void TestAutoKill::logsInFetchesAndForgets()
 {
     m_server->answers[loginPath] = {200, R"({"accessToken":"t0k%1"})"};
     m_server->answers[listPath] = {200, R"({"entities":[{"externalId":"Ab"},{"externalId":"9"}]})"};
-    auto lock = std::make_unique<FileLock>(m_file);
+    auto lock = std::make_unique<OtherProgram>(m_file);
     Poller poller;
     poller.startIfEnabled();
     lock.reset();

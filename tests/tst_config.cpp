@@ -50,19 +50,6 @@ private:
     rlimit m_before = {};
 };
 
-/// Another program that runs statements on the file, pauses for some seconds and then runs others.
-class Tool : public QProcess
-{
-public:
-    Tool(const TestDatabase &file, const QByteArray &before, int pause, const QByteArray &after)
-    {
-        start("sqlite3"_s, {file.path()});
-        write(before + "\n.shell echo pausing; sleep " + QByteArray::number(pause) + '\n' + after + '\n');
-        closeWriteChannel();
-        waitForReadyRead();
-    }
-};
-
 } // namespace
 
 class TestConfig : public QObject
@@ -267,15 +254,16 @@ void TestConfig::migrationIsWholeOrNothing()
 void TestConfig::contentTellsWhetherAFileIsNew()
 {
     const TestDatabase interrupted; // the journal takes back what the file holds
-    Tool killed(interrupted,
-        "PRAGMA cache_size = 1; BEGIN; CREATE TABLE port_blacklist AS SELECT zeroblob(100000);", 3, {});
-    killed.kill();
-    QVERIFY(killed.waitForFinished() && QFileInfo(interrupted.path()).size() > 0);
+    OtherProgram killed(
+        interrupted, "PRAGMA cache_size = 1; BEGIN; CREATE TABLE port_blacklist AS SELECT zeroblob(100000);");
+    killed.end();
+    QVERIFY(QFileInfo(interrupted.path()).size() > 0);
     FreshDatabase repeated(interrupted.path());
     QCOMPARE(tables(interrupted), allTables);
 
     const TestDatabase foreign; // another program fills it meanwhile
-    Tool filling(foreign, "BEGIN IMMEDIATE;", 1, "CREATE TABLE tool(x); COMMIT;");
+    OtherProgram filling(foreign, "BEGIN IMMEDIATE;");
+    filling.goOn(1, "CREATE TABLE tool(x); COMMIT;");
     FreshDatabase waiting(foreign.path());
     QVERIFY(filling.waitForFinished());
     QCOMPARE(tables(foreign), "tool system_configuration"_s); // the second one by the migration
@@ -340,7 +328,8 @@ void TestConfig::lockedFileIsWaitedFor()
         makeFile(file);
         file.addForwarder("RAW"_s, "kept"_s);
         file.setKey(BDD_RELEASE_KEY, "1.0"_s);
-        Tool tool(file, "BEGIN EXCLUSIVE;", seconds, "COMMIT;");
+        OtherProgram tool(file);
+        tool.goOn(seconds, "COMMIT;");
 
         LogCapture log;
         FreshDatabase database(file.path());

@@ -165,7 +165,7 @@ void TestDiscoverer::lockedFileIsWaitedFor()
     const int unopened = radio.lineSpeed();
     m_file.addForwarder("file"_s, m_file.file("late"_s));
     m_file.addRadio(radio.portName(), {}, false, "UART"_s);
-    std::optional<FileLock> lock(std::in_place, m_file);
+    std::optional<OtherProgram> lock(std::in_place, m_file);
     LogCapture log;
     m_discoverer->initForwarders();
     m_discoverer->scan({radio.portName()});

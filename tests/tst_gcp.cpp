@@ -153,8 +153,8 @@ void TestGcp::asksForATokenAndPublishes()
     m_file.writeFile("key.pem"_s, m_key.privateKey);
     m_file.writeFile("input"_s, parts.at(0) + '.' + parts.at(1));
     m_file.writeFile("signature"_s, fromBase64Url(parts.at(2)));
-    QCOMPARE(runOpenssl("openssl pkey -in key.pem -pubout -out pub.pem\n"
-                        "openssl dgst -sha256 -verify pub.pem -signature signature input"_s,
+    QCOMPARE(runShell("openssl pkey -in key.pem -pubout -out pub.pem\n"
+                      "openssl dgst -sha256 -verify pub.pem -signature signature input"_s,
                  m_file.folder()),
         QByteArray("Verified OK\n"));
 

@@ -1,3 +1,4 @@
+#include "forwarders/StreamRecords.h"
 #include "protocol/ActionCommands.h"
 #include "protocol/IdentificationCommands.h"
 #include "protocol/Notifications.h"
@@ -8,31 +9,15 @@
 
 namespace {
 
-/// Every field of an answer, joined by "|".
-QString fieldsOf(const IcomCommandResponse *response)
+/// Every field of an answer, joined by "|", in the order of their names in the stream.
+QString fieldsOf(const IcomCommandResponse &response)
 {
-    QStringList fields;
-    if (auto *comment = qobject_cast<const RetrieveCloningCommentCommandResponse *>(response))
-        fields << comment->comment();
-    if (auto *dsp = qobject_cast<const RetrieveDspFirmwareCommandResponse *>(response))
-        fields << dsp->dspVersion() << dsp->dspInfo();
-    if (auto *esn = qobject_cast<const RetrieveEsnCommandResponse *>(response))
-        fields << esn->esn();
-    if (auto *firmware = qobject_cast<const RetrieveFirmwareVersionCommandResponse *>(response))
-        fields << firmware->firmwareVersion() << firmware->firmwareCode() << firmware->firmwareInfo();
-    if (auto *front = qobject_cast<const RetrieveFrontFirmwareCommandResponse *>(response))
-        fields << front->frontVersion() << front->frontInfo();
-    if (auto *dpmr = qobject_cast<const DpmrNotification *>(response))
-        fields << dpmr->field1() << dpmr->callerId() << dpmr->field3() << dpmr->field4();
-    if (auto *status = qobject_cast<const RetrieveReceivedDpmrStatusCommandResponse *>(response))
-        fields << status->field5();
-    if (auto *gps = qobject_cast<const RetrieveReceivedDpmrGpsLocationCommandResponse *>(response))
-        fields << gps->message();
-    if (auto *call = qobject_cast<const RetrieveReceivedAnalogCallCommandResponse *>(response))
-        fields << call->code() << call->field2() << call->field3();
-    if (auto *alert = qobject_cast<const Alert *>(response))
-        fields << alert->state();
-    return fields.join(u'|');
+    const QByteArray record = StreamRecords::frame(RadioAdapterConfig(), response);
+    const QJsonObject fields = QJsonDocument::fromJson(record).object().value("fields"_s).toObject();
+    QStringList values;
+    for (const QJsonValue field : fields)
+        values.append(field.toString());
+    return values.join(u'|');
 }
 
 } // namespace
@@ -75,11 +60,11 @@ void TestProtocol::identificationAnswers()
     const Case cases[] = {{esn, QByteArray("*NTF,INFO,ESN,0123\0junk", 23), "0123"_s},
         {esn, "*NTF,INFO,ESN,12A"}, {esn, "x*NTF,INFO,ESN,12"},
         {comment, "*NTF,INFO,COMMENT,Équipe, 1", "Équipe, 1"_s}, {comment, "*NTF,INFO,COMMENT,", ""_s},
-        {comment, "*NTF,INFO,COMMENT"}, {dsp, "*NTF,INFO,DREV,1.02,X", "1.02|X"_s},
+        {comment, "*NTF,INFO,COMMENT"}, {dsp, "*NTF,INFO,DREV,1.02,X", "X|1.02"_s},
         {dsp, "*NTF,INFO,DREV,NG", "NG|NG"_s}, {dsp, "*NTF,INFO,DREV,A.1,X"},
-        {firmware, "*NTF,INFO,REV,1.0,$AB12", "1.0|$AB12|"_s},
-        {firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "1.0|$AB12|z"_s}, // not tied to either end
-        {firmware, "*NTF,INFO,REV,1.0,AB12"}, {front, "*NTF,INFO,FREV,a,b,c", "a,b|c"_s},
+        {firmware, "*NTF,INFO,REV,1.0,$AB12", "$AB12||1.0"_s},
+        {firmware, "x*NTF,INFO,REV,1.0,$AB12,z-z", "$AB12|z|1.0"_s}, // not tied to either end
+        {firmware, "*NTF,INFO,REV,1.0,AB12"}, {front, "*NTF,INFO,FREV,a,b,c", "c|a,b"_s},
         {front, "*NTF,INFO,FREV,NG", "NG|NG"_s}, {front, "*NTF,INFO,FREV,NGX"}};
     const QString names[] = {
         {}, "Comment"_s, "DSP FW response"_s, "ESN"_s, "Firmware Version"_s, "Front firmware version"_s};
@@ -97,7 +82,7 @@ void TestProtocol::identificationAnswers()
         const auto answer = answers.first().first().value<QSharedPointer<IcomCommandResponse>>();
         QCOMPARE(answer->responseType(), query->commandType());
         QCOMPARE(answer->data(), frame);
-        QCOMPARE(fieldsOf(answer.data()), fields);
+        QCOMPARE(fieldsOf(*answer), fields);
     }
 }
 
@@ -135,14 +120,14 @@ void TestProtocol::commandsNeedAPort()
 void TestProtocol::notifications()
 {
     // Type and fields of what becomes of a frame, unless it is dropped.
-    const QPair<QByteArray, QString> cases[] = {{"*NTF,DPMR,RXVCALL,IND,0,1,2,3,4,é", "6 2|3|4|é"_s},
+    const QPair<QByteArray, QString> cases[] = {{"*NTF,DPMR,RXVCALL,IND,0,1,2,3,4,é", "6 3|2|4|é"_s},
         {"*NTF,DPMR,RXVCALL,2,3,4,5", "99 "_s},
-        {QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5\0,6", 30), "6 2|3|4|5"_s},
+        {QByteArray("*NTF,DPMR,RXVCALL,1,2,3,4,5\0,6", 30), "6 3|2|4|5"_s},
         {QByteArray("*NTF\0,DPMR,RXVCALL,1,2,3,4,5", 28), "99 "_s},
         {"*NTF,DPMR,RXSTAT,1,2,3,4,5,RXVCALL", "99 "_s}, // the call's keyword comes first
         {"*NTF,5T,RXCODE,1,2,3,4", "7 1,2|3|4"_s}, {"*NTF,5T,RXCODE,1,2", "99 "_s},
-        {"*NTF,DPMR,RXSTAT,a,b,1,2,3,4,5,6", "8 2|3|4|5|6"_s}, {"*NTF,DPMR,RXSTAT,1,2,3,4,5", "99 "_s},
-        {"*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"N48, E2\"", "9 2|3|4|5|N48, E2"_s},
+        {"*NTF,DPMR,RXSTAT,a,b,1,2,3,4,5,6", "8 3|2|4|5|6"_s}, {"*NTF,DPMR,RXSTAT,1,2,3,4,5", "99 "_s},
+        {"*NTF,DPMR,RXMSG,a,b,1,2,3,4,5,GPS,\"N48, E2\"", "9 3|2|4|5|N48, E2"_s},
         {"*NTF,DPMR,RXMSG,1,2,3,4,5,TXT,\"hello\"", "99 "_s},
         {"*NTF,DPMR,RXMSG,1,2,3,4,5,GPS,x", "dropped"_s}, {"*NTF,CTRL,BATVST,L1\"", "10 L1"_s},
         {"*NTF,CTRL,BATVST,L1", "99 "_s}, {"*NTF,CTRL,RFPWRST,ON\"", "11 ON"_s},
@@ -151,7 +136,7 @@ void TestProtocol::notifications()
     for (const auto &[frame, expected] : cases) {
         const auto response = parseNotification(&link, frame);
         const QString outcome =
-            response ? "%1 %2"_s.arg(response->responseType()).arg(fieldsOf(response.data())) : "dropped"_s;
+            response ? "%1 %2"_s.arg(response->responseType()).arg(fieldsOf(*response)) : "dropped"_s;
         QVERIFY2(outcome == expected, frame + ": " + outcome.toUtf8());
         QVERIFY(!response || response->data() == frame);
     }

@@ -244,17 +244,12 @@ void TestQuillonctl::unusableFiles()
 
 void TestQuillonctl::lockedFile()
 {
-    QProcess holder;
-    holder.start("sqlite3"_s, {m_file->path()});
-    holder.write("BEGIN EXCLUSIVE;\n.shell echo locked\n");
-    QVERIFY(holder.waitForReadyRead());
+    OtherProgram holder(*m_file);
     for (const QString &command : {"status"_s, "check"_s, "radio add pts/999"_s, "restart"_s}) {
         QCOMPARE(run("--wait 0 "_s + command), 2);
         QVERIFY2(m_error.contains("locked by another program"), m_error);
     }
-    holder.write(".shell sleep 1\nCOMMIT;\n");
-    QVERIFY(holder.waitForBytesWritten());
-    holder.closeWriteChannel();
+    holder.goOn(1, "COMMIT;");
     QCOMPARE(run("port list"_s), 0); // waits
     QVERIFY(holder.waitForFinished());
 }

@@ -4,8 +4,8 @@
 
 #include <QtNetwork>
 
-/// Runs shell lines that call OpenSSL's command in a folder; what they print on standard output.
-inline QByteArray runOpenssl(const QString &lines, const QString &folder = "."_s)
+/// Runs lines of the shell in a folder; what they print on standard output.
+inline QByteArray runShell(const QString &lines, const QString &folder = "."_s)
 {
     QProcess process;
     process.setWorkingDirectory(folder);
@@ -17,7 +17,7 @@ inline QByteArray runOpenssl(const QString &lines, const QString &folder = "."_s
 /// A new private key in PEM; `arguments` are those of genpkey.
 inline QByteArray newKey(const QString &arguments)
 {
-    return runOpenssl("openssl genpkey -quiet "_s + arguments);
+    return runShell("openssl genpkey -quiet "_s + arguments);
 }
 
 /// A service account of project "proj" with an RSA key made for this run.
@@ -45,11 +45,10 @@ class TestCertificates
 public:
     TestCertificates()
     {
-        runOpenssl(
-            "new='-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2'\n"
-            "openssl req -x509 $new -keyout ca.key -out ca.pem -subj '/CN=Test authority'\n"
-            "openssl req -x509 $new -keyout key.pem -out cert.pem -subj '/CN=127.0.0.1' -CA ca.pem"
-            " -CAkey ca.key -addext 'subjectAltName=IP:127.0.0.1' -addext 'basicConstraints=CA:FALSE'"_s,
+        runShell("new='-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2'\n"
+                 "openssl req -x509 $new -keyout ca.key -out ca.pem -subj '/CN=Test authority'\n"
+                 "openssl req -x509 $new -keyout key.pem -out cert.pem -subj '/CN=127.0.0.1' -CA ca.pem"
+                 " -CAkey ca.key -addext 'subjectAltName=IP:127.0.0.1' -addext 'basicConstraints=CA:FALSE'"_s,
             m_folder.path());
         QSslConfiguration tls = QSslConfiguration::defaultConfiguration();
         tls.setCaCertificates(QSslCertificate::fromPath(m_folder.filePath("ca.pem"_s)));

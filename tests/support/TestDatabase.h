@@ -105,17 +105,28 @@ private:
     QTemporaryDir m_folder;
 };
 
-/// Keeps everyone else from reading and writing a database file, as an outside tool may.
-class FileLock
+/// Another program that has run statements on the file; by itself it keeps everyone else from the file.
+class OtherProgram : public QProcess
 {
 public:
-    explicit FileLock(const TestDatabase &file)
+    explicit OtherProgram(const TestDatabase &file, const QByteArray &statements = "BEGIN EXCLUSIVE;")
     {
-        QSqlDatabase database = QSqlDatabase::addDatabase("QSQLITE"_s, "lock"_s);
-        database.setDatabaseName(file.path());
-        if (!database.open() || !database.exec("BEGIN EXCLUSIVE"_s).isActive())
-            qFatal("%s", qPrintable(database.lastError().text()));
+        start("sqlite3"_s, {file.path()});
+        write(statements + "\n.shell echo done\n");
+        waitForReadyRead();
     }
-    ~FileLock() { QSqlDatabase::removeDatabase("lock"_s); }
-    Q_DISABLE_COPY(FileLock)
+    ~OtherProgram() override { end(); }
+    /// Pauses for some seconds, runs further statements and ends.
+    void goOn(int pause, const QByteArray &statements)
+    {
+        write(".shell sleep " + QByteArray::number(pause) + '\n' + statements + '\n');
+        waitForBytesWritten();
+        closeWriteChannel();
+    }
+    /// Ends now, in the middle of a transaction.
+    void end()
+    {
+        kill();
+        waitForFinished();
+    }
 };
