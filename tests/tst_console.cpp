@@ -22,40 +22,37 @@ void TestConsole::answers_data()
     QTest::addColumn<int>("status");
     QTest::addColumn<QByteArray>("request");
     const auto filler = [](int size) { return QByteArray(size, 'x'); };
-    QTest::newRow("page") << 200 << get("/");
-    QTest::newRow("only asked for the head") << 200 << QByteArray("HEAD / HTTP/1.0\r\nHost: [::1]\r\n\r\n");
-    QTest::newRow("chart") << 200 << get("/chart.js");
-    QTest::newRow("large header") << 200 << get("/", "X: " + filler(8000) + "\r\n");
-    QTest::newRow("header too large") << 431 << get("/", "X: " + filler(8192) + "\r\n");
+    const auto row = [](const char *name, int status, const QByteArray &request) {
+        QTest::newRow(name) << status << request;
+    };
+    row("page", 200, get("/"));
+    row("only asked for the head", 200, "HEAD / HTTP/1.0\r\nHost: [::1]\r\n\r\n");
+    row("chart", 200, get("/chart.js"));
+    row("large header", 200, get("/", "X: " + filler(8000) + "\r\n"));
+    row("header too large", 431, get("/", "X: " + filler(8192) + "\r\n"));
     const QByteArray chunked =
         post("/api/login", {}).replace("Content-Length: 0", "Transfer-Encoding: chunked");
-    QTest::newRow("chunk extension") << 400 << chunked + "2;x=" + filler(100) + "\r\n{}\r\n0\r\nX: y\r\n\r\n";
-    QTest::newRow("chunk extension too large")
-        << 431 << chunked + "2;x=" + filler(20000) + "\r\n{}\r\n0\r\n\r\n";
-    QTest::newRow("trailer too large") << 431 << chunked + "2\r\n{}\r\n0\r\nX: " + filler(20000) + "\r\n\r\n";
-    QTest::newRow("header without an end") << 431 << "GET / HTTP/1.1\r\n" + filler(20000);
-    QTest::newRow("body too large") << 413 << post("/api/say", filler(4097));
-    QTest::newRow("no such body") << 413
-                                  << QByteArray(
-                                         "POST /api/say HTTP/1.1\r\nContent-Length: 99999999999\r\n\r\n");
-    QTest::newRow("chunks too large")
-        << 413 << "POST /api/say HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n2000\r\n" + filler(0x2000);
-    QTest::newRow("two lengths") << 400
-                                 << QByteArray(
-                                        "POST / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n");
-    QTest::newRow("noise") << 400 << QByteArray("\0\x16\x03\x01\xff\r\n\r\n", 9);
-    QTest::newRow("folder above") << 404 << get("/../../etc/passwd");
-    QTest::newRow("encoded path") << 404 << get("/%2e%2e/%00%ff?%zz=%");
-    QTest::newRow("no such method") << 405 << QByteArray("DELETE / HTTP/1.1\r\nHost: localhost\r\n\r\n");
-    QTest::newRow("state is asked for") << 405 << post("/api/state", "{}");
-    QTest::newRow("rebound name") << 421
-                                  << QByteArray("GET /api/state HTTP/1.1\r\nHost: evil.example\r\n\r\n");
-    QTest::newRow("no name") << 421 << QByteArray("GET /api/state HTTP/1.1\r\n\r\n");
-    QTest::newRow("form of another site")
-        << 415 << QByteArray("POST /api/restart HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n");
+    row("chunk extension", 400, chunked + "2;x=" + filler(100) + "\r\n{}\r\n0\r\nX: y\r\n\r\n");
+    row("chunk extension too large", 431, chunked + "2;x=" + filler(20000) + "\r\n{}\r\n0\r\n\r\n");
+    row("trailer too large", 431, chunked + "2\r\n{}\r\n0\r\nX: " + filler(20000) + "\r\n\r\n");
+    row("header without an end", 431, "GET / HTTP/1.1\r\n" + filler(20000));
+    row("body too large", 413, post("/api/say", filler(4097)));
+    row("no such body", 413, "POST /api/say HTTP/1.1\r\nContent-Length: 99999999999\r\n\r\n");
+    row("chunks too large", 413,
+        "POST /api/say HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n2000\r\n" + filler(0x2000));
+    row("two lengths", 400, "POST / HTTP/1.1\r\nContent-Length: 1\r\nContent-Length: 2\r\n\r\n");
+    row("noise", 400, QByteArray("\0\x16\x03\x01\xff\r\n\r\n", 9));
+    row("folder above", 404, get("/../../etc/passwd"));
+    row("encoded path", 404, get("/%2e%2e/%00%ff?%zz=%"));
+    row("no such method", 405, "DELETE / HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    row("state is asked for", 405, post("/api/state", "{}"));
+    row("rebound name", 421, "GET /api/state HTTP/1.1\r\nHost: evil.example\r\n\r\n");
+    row("no name", 421, "GET /api/state HTTP/1.1\r\n\r\n");
+    row("form of another site", 415,
+        "POST /api/restart HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n");
     for (const char *path : {"/api/say", "/api/restart", "/api/radio/1", "/api/logout", "/api/none"})
-        QTest::newRow(path) << 401 << post(path, "{\"text\":\"x\",\"name\":\"x\"}");
-    QTest::newRow("login without a password") << 400 << post("/api/login", "{\"password\":\"x\"}");
+        row(path, 401, post(path, "{\"text\":\"x\",\"name\":\"x\"}"));
+    row("login without a password", 400, post("/api/login", "{\"password\":\"x\"}"));
 }
 
 void TestConsole::answers()
@@ -151,14 +148,14 @@ void TestConsole::stateHasWhatQuillonctlShows()
     start();
     const QJsonObject state = bodyOf(ask(get("/api/state")));
     QVERIFY(!taken.waitForNewConnection(200));
-    const QJsonObject status = QJsonDocument::fromJson(control({"status"_s, "--json"_s})).object();
+    const QJsonObject status = QJsonDocument::fromJson(control("status --json"_s)).object();
     for (const QString &member : {"radios"_s, "outputs"_s, "pending"_s})
         QCOMPARE(state.value(member), status.value(member));
     QCOMPARE(state.value("radios"_s).toArray().at(0).toObject().value("name"_s).toString(), "Van <b>"_s);
     QJsonArray findings = state.value("findings"_s).toArray();
     const QJsonObject own = findings.takeAt(0).toObject();
     QVERIFY(own.value("problem"_s).toString().contains("STREAM"_s));
-    QCOMPARE(findings, QJsonDocument::fromJson(control({"check"_s, "--json"_s})).array());
+    QCOMPARE(findings, QJsonDocument::fromJson(control("check --json"_s)).array());
     QVERIFY(findings.isEmpty() || findings.at(0).toObject().keys() == own.keys());
 }
 

@@ -114,15 +114,10 @@ protected:
         QVERIFY(m_console->waitForReadyRead());
     }
     QByteArray ask(const QByteArray &request) const { return ConsoleClient(m_port).send(request).answer(); }
-    /// Runs quillonctl on the database; what it prints.
-    QByteArray control(const QStringList &arguments, const QByteArray &input = {}) const
+    /// Runs quillonctl on the database, with words of the shell; what it prints.
+    QByteArray control(const QString &words) const
     {
-        QProcess process;
-        process.start(QUILLON_BIN_DIR "/quillonctl"_s, QStringList{"-c"_s, m_file->path()} + arguments);
-        process.write(input);
-        process.closeWriteChannel();
-        process.waitForFinished();
-        return process.readAllStandardOutput() + process.readAllStandardError();
+        return runShell(QUILLON_BIN_DIR "/quillonctl -c %1 2>&1 "_s.arg(m_file->path()) + words);
     }
 
     std::unique_ptr<TestDatabase> m_file;
