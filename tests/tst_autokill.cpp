@@ -1,7 +1,6 @@
 #include "autokill/AutoKill.h"
 #include "support/HttpServer.h"
 #include "support/LogCapture.h"
-#include "support/OpenSsl.h"
 #include "support/TestDatabase.h"
 
 #include <memory>

@@ -256,8 +256,8 @@ void TestConfig::contentTellsWhetherAFileIsNew()
     const TestDatabase interrupted; // the journal takes back what the file holds
     OtherProgram killed(
         interrupted, "PRAGMA cache_size = 1; BEGIN; CREATE TABLE port_blacklist AS SELECT zeroblob(100000);");
-    killed.end();
-    QVERIFY(QFileInfo(interrupted.path()).size() > 0);
+    killed.kill();
+    QVERIFY(killed.waitForFinished() && QFileInfo(interrupted.path()).size() > 0);
     FreshDatabase repeated(interrupted.path());
     QCOMPARE(tables(interrupted), allTables);
 

@@ -44,12 +44,8 @@ class TestDiscoverer : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase()
-    {
-        ConfigDatabase::getInstance(m_file.path());
-        cleanup(); // of the rows that a new file has
-    }
-    void cleanup();
+    void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
+    void init();
     void scansForEveryOutput();
     void newPortsAreRegistered();
     void theRowThatDecides();
@@ -61,7 +57,7 @@ private:
     QScopedPointer<Discoverer> m_discoverer;
 };
 
-void TestDiscoverer::cleanup()
+void TestDiscoverer::init()
 {
     QTest::qWait(50); // the adapters end with their radios
     m_discoverer.reset(new Discoverer);
@@ -194,10 +190,10 @@ void TestDiscoverer::replugging()
     const QString status = "SELECT status FROM radio_adapters"_s;
     for (int round = 0; round < 4; ++round) {
         m_discoverer->scan();
-        QVERIFY2(m_file.waitFor(status, "1"_s), qPrintable(QString::number(round)));
+        QTRY_COMPARE_WITH_TIMEOUT(m_file.run(status), "1"_s, 10000);
         QVERIFY(radio.send("\x02*NTF,DPMR,RXVC")); // pulled out in the middle of a frame
         radio.unplug();
-        QVERIFY(m_file.waitFor(status, "2"_s));
+        QTRY_COMPARE(m_file.run(status), "2"_s);
         if (round == 0)
             filesAfterFirst = openFiles();
         QVERIFY(radio.plugIn());

@@ -6,7 +6,6 @@
 #include "serial/MyQSerialPort.h"
 #include "support/HttpServer.h"
 #include "support/LogCapture.h"
-#include "support/OpenSsl.h"
 #include "support/RecordingLink.h"
 #include "support/TestDatabase.h"
 

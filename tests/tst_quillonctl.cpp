@@ -181,8 +181,7 @@ void TestQuillonctl::listings()
     m_file->run("UPDATE data_forwarder SET context = 'changed' WHERE ids = 1"_s);
     QTRY_VERIFY((out += process.readAllStandardOutput()).contains("changed"));
     ::kill(pid_t(process.processId()), SIGINT);
-    QVERIFY(
-        process.waitForFinished() && process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0);
+    QVERIFY(process.waitForFinished() && process.exitCode() == 0); // that of a crash is the signal's number
 }
 
 void TestQuillonctl::secretsStayHidden()
@@ -207,8 +206,10 @@ void TestQuillonctl::secretsStayHidden()
     const QByteArray before = fileBytes();
     const QByteArrayList bad[] = {{"project_id", "", "project_id is missing"},
         {"token_uri", "http://x", "no https address"},
-        {"private_key", newKey("-algorithm EC -pkeyopt group:P-256"_s), "no RSA key"},
-        {"private_key", newKey("-algorithm RSA -aes128 -pass pass:x"_s), "no RSA key"}};
+        {"private_key", runShell("openssl genpkey -quiet -algorithm EC -pkeyopt group:P-256"_s),
+            "no RSA key"},
+        {"private_key", runShell("openssl genpkey -quiet -algorithm RSA -aes128 -pass pass:x"_s),
+            "no RSA key"}};
     for (const QByteArrayList &each : bad) {
         QJsonObject document = good;
         document[QString::fromLatin1(each.at(0))] = QString::fromLatin1(each.at(1));

@@ -11,7 +11,6 @@ class HttpServer : public QTcpServer
 public:
     struct Request
     {
-        QByteArray method;
         QByteArray path; ///< with its query
         QMap<QByteArray, QByteArray> headers; ///< names in lower case
         QByteArray body;
@@ -71,7 +70,7 @@ private:
             return;
         QList<QByteArray> lines = received.left(headerEnd).replace("\r\n", "\n").split('\n');
         const QList<QByteArray> start = lines.takeFirst().split(' ');
-        Request request{start.value(0), start.value(1), {}, received.mid(headerEnd + 4)};
+        Request request{start.value(1), {}, received.mid(headerEnd + 4)};
         for (const QByteArray &line : qAsConst(lines)) {
             const int colon = line.indexOf(':');
             request.headers.insert(line.left(colon).toLower(), line.mid(colon + 1).trimmed());

@@ -14,12 +14,6 @@ inline QByteArray runShell(const QString &lines, const QString &folder = "."_s)
     return process.readAllStandardOutput();
 }
 
-/// A new private key in PEM; `arguments` are those of genpkey.
-inline QByteArray newKey(const QString &arguments)
-{
-    return runShell("openssl genpkey -quiet "_s + arguments);
-}
-
 /// A service account of project "proj" with an RSA key made for this run.
 struct TestCredential
 {
@@ -35,7 +29,8 @@ struct TestCredential
         return QString::fromLatin1(QJsonDocument(document(tokenUri)).toJson().toBase64());
     }
 
-    const QByteArray privateKey = newKey("-algorithm RSA -pkeyopt rsa_keygen_bits:2048"_s); ///< PEM, PKCS#8
+    const QByteArray privateKey =
+        runShell("openssl genpkey -quiet -algorithm RSA"_s); ///< PEM, PKCS#8, 2,048 bits
 };
 
 /// A certificate authority made for this run and added to this process's default TLS configuration, and a

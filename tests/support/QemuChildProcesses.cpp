@@ -11,8 +11,7 @@
 
 extern "C" long syscall(long number, ...) noexcept
 {
-    using Syscall = long (*)(long, ...);
-    static const auto next = reinterpret_cast<Syscall>(dlsym(RTLD_NEXT, "syscall"));
+    static const auto next = reinterpret_cast<decltype(&syscall)>(dlsym(RTLD_NEXT, "syscall"));
     long arguments[6];
     va_list list;
     va_start(list, number);

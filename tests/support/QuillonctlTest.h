@@ -51,14 +51,11 @@ protected:
     /// Every row of the file, each after the name of its table.
     QSet<QString> rows() const
     {
-        QSet<QString> result;
+        QStringList all;
         for (const QString &table : {"radio_adapters"_s, "port_blacklist"_s, "data_forwarder"_s,
-                 "system_configuration"_s, "pending_actions"_s}) {
-            for (const QString &row :
-                m_file->run("SELECT '%1', * FROM %1"_s.arg(table)).split(u'\n', Qt::SkipEmptyParts))
-                result.insert(row);
-        }
-        return result;
+                 "system_configuration"_s, "pending_actions"_s})
+            all += m_file->run("SELECT '%1', * FROM %1"_s.arg(table)).split(u'\n', Qt::SkipEmptyParts);
+        return {all.begin(), all.end()};
     }
     QByteArray fileBytes() const { return m_file->readFile("quillon.sqlite"_s); }
 

@@ -69,11 +69,6 @@ public:
         QSqlDatabase::removeDatabase("outside tool"_s);
         return rows.join(u'\n');
     }
-    /// Waits for a statement to yield what is expected; false after the time-out in ms.
-    bool waitFor(const QString &statement, const QString &expected, int timeoutMs = 10000) const
-    {
-        return QTest::qWaitFor([&] { return run(statement) == expected; }, timeoutMs);
-    }
 
     /// Writes a system_configuration value, replacing what was there.
     void setKey(const QString &key, const QString &value) const
@@ -115,18 +110,16 @@ public:
         write(statements + "\n.shell echo done\n");
         waitForReadyRead();
     }
-    ~OtherProgram() override { end(); }
+    ~OtherProgram() override
+    {
+        kill();
+        waitForFinished();
+    }
     /// Pauses for some seconds, runs further statements and ends.
     void goOn(int pause, const QByteArray &statements)
     {
         write(".shell sleep " + QByteArray::number(pause) + '\n' + statements + '\n');
         waitForBytesWritten();
         closeWriteChannel();
-    }
-    /// Ends now, in the middle of a transaction.
-    void end()
-    {
-        kill();
-        waitForFinished();
     }
 };
