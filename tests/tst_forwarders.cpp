@@ -59,6 +59,21 @@ using RawOutput = Output<RawDataForwarder>;
 using FileOutput = Output<FileDataForwarder>;
 
 const QString localhost = "127.0.0.1"_s;
+const QByteArray binary("*NTF,\0\xff", 7);
+
+template <typename Forwarder>
+void checkMessages(Output<Forwarder> *output, QTcpServer *from, const QByteArray &expected)
+{
+    output->setStatus(0);
+    output->hear(binary);
+    QCOMPARE(output->status(), 3);
+    output->show("Hé"_s);
+    output->hear("two");
+    QTRY_VERIFY(from->hasPendingConnections());
+    const QScopedPointer<QTcpSocket> client(from->nextPendingConnection());
+    QTRY_COMPARE(client->bytesAvailable(), expected.size());
+    QCOMPARE(client->readAll(), expected);
+}
 
 } // namespace
 
@@ -155,18 +170,6 @@ void TestForwarders::tcpServerComesGoesAndComesBack()
     QVERIFY2(pause >= 1900 && pause < 4500, qPrintable(QString::number(pause)));
     QCOMPARE(log.text(), "[ \"127.0.0.1\" : %1 ] socket connected"_s.arg(port));
 
-    const QByteArray binary("*NTF,\0\xff", 7);
-    const auto checkMessages = [&](auto *output, QTcpServer *from, const QByteArray &expected) {
-        output->setStatus(0);
-        output->hear(binary);
-        QCOMPARE(output->status(), 3);
-        output->show("Hé"_s);
-        output->hear("two");
-        QTRY_VERIFY(from->hasPendingConnections());
-        const QScopedPointer<QTcpSocket> client(from->nextPendingConnection());
-        QTRY_COMPARE(client->bytesAvailable(), expected.size());
-        QCOMPARE(client->readAll(), expected);
-    };
     log.clear();
     checkMessages(&raw, &server, "\x02" + binary + "\x03\x02*SET,UI,TEXT,Hé\x03\x02two\x03");
     QTRY_COMPARE(raw.status(), 4); // its connection has ended with the check
