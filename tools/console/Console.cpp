@@ -123,8 +123,8 @@ void Console::sendState(Connection *connection, const Request &request)
         FileState &file = m_box.file();
         const FileState::Snapshot snapshot = file.read();
         const FileState::Findings known = file.findings();
-        const bool fresh = known.checked.isValid()
-            && known.checked.secsTo(QDateTime::currentDateTimeUtc()) < findingsAgeSeconds;
+        const qint64 age = known.checked.secsTo(QDateTime::currentDateTimeUtc());
+        const bool fresh = known.checked.isValid() && age >= 0 && age < findingsAgeSeconds;
         const FileState::Findings findings = fresh ? known : file.check();
         QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot, findings] {
             QJsonObject state = m_box.state(snapshot, findings);

@@ -38,8 +38,8 @@ private:
     struct Activity
     {
         QJsonObject lastHeard;
-        std::array<int, minutes> counts = {}; ///< at the minute's number since 1970, modulo 60
-        qint64 minute = 0; ///< the newest one that is counted
+        std::array<int, minutes> counts = {}; ///< the oldest minute first
+        qint64 minute = 0; ///< the number of the last one, since 1970
     };
 
     static void advance(Activity &activity, qint64 minute);
