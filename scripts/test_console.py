@@ -3,6 +3,7 @@
 
 import argparse
 import base64
+import http.client
 import pathlib
 import shutil
 import signal
@@ -232,6 +233,28 @@ def try_faults(gateway, page):
     gateway.console = gateway.start_console()
     page.log_in()  # sessions live in memory
     assert not page.find("#lost").is_displayed()
+    gateway.console.send_signal(signal.SIGSTOP)
+    wait("the console silent, its connections open: the page says so", lambda: page.find("#lost").is_displayed(), 60)
+    gateway.console.send_signal(signal.SIGCONT)
+    wait("it speaks again: the page is back", lambda: not page.find("#lost").is_displayed())
+
+
+def try_full(gateway, page):
+    session = page.browser.get_cookie("quillon_session")["value"]
+    page.browser.get("about:blank")
+    places = []
+    while len(places) < 32:
+        connection = http.client.HTTPConnection("127.0.0.1", gateway.port)
+        connection.request("GET", "/api/events", headers={"Cookie": f"quillon_session={session}"})
+        answer = connection.getresponse()
+        if answer.status == 200:
+            places.append(answer)
+    page.browser.get(page.url)
+    wait("one page too many says so", lambda: "32 pages" in page.text("#lost"))
+    places.pop().close()
+    wait("it joins once there is a place", lambda: not page.find("#lost").is_displayed())
+    for place in places:
+        place.close()
 
 
 def try_looks(gateway, page, axe, images):
@@ -288,6 +311,7 @@ def run(arguments, folder, programs):
         try_live(gateway, page)
         try_actions(gateway, page)
         try_faults(gateway, page)
+        try_full(gateway, page)
         try_looks(gateway, page, arguments.axe.read_text(), arguments.images)
         measure(page)
         assert not page.problems(), page.problems()

@@ -44,6 +44,7 @@ void TestConsoleAccess::loginIsSlowedDown()
     QCOMPARE(statusOf(ask(get("/api/state"))), 401);
     QCOMPARE(statusOf(ask(get("/api/events"))), 401);
     QCOMPARE(statusOf(ask(get("/"))), 200); // the page asks for the password
+    QCOMPARE(statusOf(ask(post("/api/login", "{\"password\":1}"))), 400);
     const QByteArray wrong = post("/api/login", "{\"password\":\"guess\"}");
     QCOMPARE(statusOf(ask(wrong)), 401);
     const QByteArray tooSoon = ask(login);
@@ -103,6 +104,8 @@ void TestConsoleAccess::changes()
     const QByteArray withoutToken = headers.left(headers.indexOf("X-Session-Token"));
     QCOMPARE(statusOf(ask(post(path, body, withoutToken))), 401);
     QCOMPARE(statusOf(ask(post(path, body, withoutToken + "X-Session-Token: 00\r\n"))), 401);
+    const QByteArray form = post(path, body, headers).replace("application/json", "text/plain");
+    QCOMPARE(statusOf(ask(form)), 415); // another site's
     QTEST(statusOf(ask(post(path, body, headers))), "status");
     QTEST(m_file->run(
               "SELECT coalesce((SELECT command FROM pending_actions), ''), port || ',' || name || ',' ||"

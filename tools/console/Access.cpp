@@ -30,6 +30,10 @@ Reply Access::refusal(const Request &request) const
     if (!hasPassword() && !namesThisMachine(request.headers.value("host")))
         return Reply::error(
             421, QStringLiteral("without a password the console answers to this machine's own names only"));
+    if (!hasPassword() && request.method == "POST")
+        return Reply::error(401,
+            QStringLiteral(
+                "nobody may change anything before a password is set: quillonctl console password"));
     // Another site's form can send no JSON without being asked by the browser first.
     if (request.method == "POST" && !request.headers.value("content-type").startsWith("application/json"))
         return Reply::error(415, QStringLiteral("the body has to be application/json"));

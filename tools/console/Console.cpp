@@ -94,11 +94,8 @@ void Console::handleApi(Connection *connection, const Request &request)
     else if (isEvents)
         sendEvents(connection, request);
     else if (!m_access.mayChange(request))
-        connection->answer(Reply::error(401,
-            m_access.hasPassword()
-                ? QStringLiteral("the header X-Session-Token does not hold the session's token")
-                : QStringLiteral("nobody may change anything before a password is set: "
-                                 "quillonctl console password")));
+        connection->answer(Reply::error(
+            401, QStringLiteral("the header X-Session-Token does not hold the session's token")));
     else if (request.path == QLatin1String("/api/logout"))
         connection->answer(logOut(request));
     else
@@ -123,8 +120,8 @@ void Console::sendState(Connection *connection, const Request &request)
         FileState &file = m_box.file();
         const FileState::Snapshot snapshot = file.read();
         const FileState::Findings known = file.findings();
-        const bool fresh = known.checked.isValid()
-            && known.checked.secsTo(QDateTime::currentDateTimeUtc()) < findingsAgeSeconds;
+        const qint64 age = known.checked.secsTo(QDateTime::currentDateTimeUtc());
+        const bool fresh = known.checked.isValid() && age >= 0 && age < findingsAgeSeconds;
         const FileState::Findings findings = fresh ? known : file.check();
         QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot, findings] {
             QJsonObject state = m_box.state(snapshot, findings);
@@ -156,11 +153,9 @@ void Console::logIn(Connection *connection, const Request &request)
 {
     const QJsonValue password =
         QJsonDocument::fromJson(request.body).object().value(QStringLiteral("password"));
-    if (!password.isString() || !m_access.hasPassword()) {
-        connection->answer(Reply::error(400,
-            password.isString()
-                ? QStringLiteral("no password is set: quillonctl console password")
-                : QStringLiteral("the body has to be a JSON object with a member \"password\"")));
+    if (!password.isString()) {
+        connection->answer(
+            Reply::error(400, QStringLiteral("the body has to be a JSON object with a member \"password\"")));
         return;
     }
     const QHostAddress source = m_access.source(request);

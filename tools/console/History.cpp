@@ -1,5 +1,7 @@
 #include "tools/console/History.h"
 
+#include <algorithm>
+
 namespace {
 
 /// More ports than a box has are somebody's mistake; they must not fill the memory.
@@ -29,18 +31,17 @@ void History::add(const QByteArray &line, const QJsonObject &record, const QDate
     Activity &activity = m_activities[port];
     activity.lastHeard = record;
     advance(activity, minuteOf(now));
-    ++activity.counts.at(size_t(activity.minute % minutes));
+    ++activity.counts.back();
 }
 
-/// Minutes in which nothing came count 0. A clock that is set back goes on in the newest minute.
+/// Minutes in which nothing came count 0. When the clock was set back, the newest minute is the present one.
 void History::advance(Activity &activity, qint64 minute)
 {
-    if (minute - activity.minute >= minutes)
-        activity.counts.fill(0);
-    else
-        for (qint64 next = activity.minute + 1; next <= minute; ++next)
-            activity.counts.at(size_t(next % minutes)) = 0;
-    activity.minute = qMax(activity.minute, minute);
+    const qint64 passed = qBound(qint64(0), minute - activity.minute, qint64(minutes));
+    auto &counts = activity.counts;
+    std::rotate(counts.begin(), counts.begin() + passed, counts.end());
+    std::fill(counts.end() - passed, counts.end(), 0);
+    activity.minute = minute;
 }
 
 QJsonArray History::activity(const QDateTime &now) const
@@ -50,8 +51,8 @@ QJsonArray History::activity(const QDateTime &now) const
         Activity activity = entry.value();
         advance(activity, minuteOf(now));
         QJsonArray counts;
-        for (qint64 minute = activity.minute - minutes + 1; minute <= activity.minute; ++minute)
-            counts.append(activity.counts.at(size_t(minute % minutes)));
+        for (const int count : activity.counts)
+            counts.append(count);
         result.append(QJsonObject{
             {QStringLiteral("port"), entry.key()},
             {QStringLiteral("lastHeard"), activity.lastHeard},

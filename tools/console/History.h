@@ -10,13 +10,13 @@
 #include <array>
 #include <deque>
 
-/// What was heard and sent lately: the last 1,000 records as they came, or fewer that take 4 MiB, each with a
+/// What was heard and sent lately: the last 1,000 records as they came, or fewer that take 1 MiB, each with a
 /// number that counts up from 1, and for each port how many frames came in each of the last 60 minutes.
 class History
 {
 public:
     static constexpr int capacity = 1000;
-    static constexpr qint64 maximumBytes = 4LL * 1024 * 1024;
+    static constexpr qint64 maximumBytes = 1024LL * 1024;
     static constexpr int minutes = 60;
 
     /// Takes a record of the kind "frame", "command" or "lost": as the line of the stream, without its end,
@@ -38,8 +38,8 @@ private:
     struct Activity
     {
         QJsonObject lastHeard;
-        std::array<int, minutes> counts = {}; ///< at the minute's number since 1970, modulo 60
-        qint64 minute = 0; ///< the newest one that is counted
+        std::array<int, minutes> counts = {}; ///< the oldest minute first
+        qint64 minute = 0; ///< the number of the last one, since 1970
     };
 
     static void advance(Activity &activity, qint64 minute);

@@ -4,20 +4,15 @@
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
+#include "tools/quillonctl/Program.h"
 
-#include <CLI/App.hpp>
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <QCoreApplication>
-#include <QTextCodec>
 
 #include <csignal>
 #include <cstdio>
 #include <malloc.h>
 
 namespace {
-
-const int failureCode = 2;
 
 struct Options
 {
@@ -27,18 +22,6 @@ struct Options
     std::string key;
     bool behindProxy = false;
 };
-
-void printError(const QString &message)
-{
-    std::fprintf(stderr, "quillon-console: %s\n", message.toUtf8().constData());
-}
-
-/// Lines of the shared code that are meant for the daemon's log stay out of the way.
-void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &message)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg)
-        printError(message);
-}
 
 /// Memory that a request took goes back to the system: a password's hash takes 16 MiB.
 void limitMemory()
@@ -118,14 +101,7 @@ int run(int argc, char *argv[])
     Options options;
     CLI::App app("Serves a page that shows what the Quillon gateway hears and does.", "quillon-console");
     addOptions(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error); // prints the help or the version
-        throw CommandError(QString::fromUtf8(error.what()) + QStringLiteral("; see quillon-console --help"));
-    }
-    return serve(options);
+    return parseArguments(app, argc, argv) ? serve(options) : 0;
 }
 
 } // namespace
@@ -135,16 +111,5 @@ int main(int argc, char *argv[])
     limitMemory();
     Q_INIT_RESOURCE(words); // the linker would leave it out of a static library
     std::signal(SIGPIPE, SIG_IGN);
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8")); // names of files, in any locale
-    qInstallMessageHandler(handleMessage);
-    int ownArgument = 1; // the others are not Qt's to look at
-    const QCoreApplication application(ownArgument, argv);
-    try {
-        return run(argc, argv);
-    } catch (const CommandError &error) {
-        printError(error.message());
-    } catch (const std::exception &error) {
-        printError(QString::fromUtf8(error.what()));
-    }
-    return failureCode;
+    return runProgram("quillon-console", argc, argv, run);
 }

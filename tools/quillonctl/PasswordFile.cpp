@@ -5,11 +5,13 @@
 
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QTemporaryFile>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
+
+#include <cstdio>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -73,6 +75,11 @@ StoredHash readHash(const QString &path)
     return file.open(QIODevice::ReadOnly) ? fromLine(file.read(1024)) : StoredHash{};
 }
 
+CommandError unwritable(const QString &path, const QString &reason)
+{
+    return CommandError(QStringLiteral("%1 cannot be written: %2").arg(path, reason));
+}
+
 void giveToOwnerOf(const QString &configFile, int descriptor)
 {
     struct stat status = {};
@@ -102,14 +109,19 @@ void PasswordFile::store(const QByteArray &password) const
         stored.hash = scrypt(password, stored.salt, stored.cost);
     if (stored.hash.isEmpty())
         throw CommandError(QStringLiteral("OpenSSL cannot hash the password"));
-    QSaveFile file(m_path);
-    if (!file.open(QIODevice::WriteOnly))
-        throw CommandError(QStringLiteral("%1 cannot be written: %2").arg(m_path, file.errorString()));
-    file.setPermissions(QFile::ReadOwner | QFile::WriteOwner);
+    // A QSaveFile would be open to others at first: it begins with the mode of the file that it replaces.
+    QTemporaryFile file(m_path + QStringLiteral(".XXXXXX"));
+    if (!file.open())
+        throw unwritable(m_path, file.errorString());
     giveToOwnerOf(m_configFile, file.handle());
-    file.write(lineOf(stored));
-    if (!file.commit())
-        throw CommandError(QStringLiteral("%1 cannot be written: %2").arg(m_path, file.errorString()));
+    const QByteArray line = lineOf(stored);
+    if (file.write(line) != line.size() || !file.flush())
+        throw unwritable(m_path, file.errorString());
+    const QByteArray from = QFile::encodeName(file.fileName());
+    if (fsync(file.handle()) != 0
+        || std::rename(from.constData(), QFile::encodeName(m_path).constData()) != 0)
+        throw unwritable(m_path, qt_error_string());
+    file.setAutoRemove(false);
 }
 
 QString PasswordFile::problem() const

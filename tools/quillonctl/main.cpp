@@ -1,17 +1,9 @@
-#include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/Commands.h"
-#include "tools/quillonctl/InputChecks.h"
-#include "tools/quillonctl/Printer.h"
+#include "tools/quillonctl/Program.h"
 
-#include <QCoreApplication>
 #include <QFileInfo>
-#include <QTextCodec>
-
-#include <cstdio>
 
 namespace {
-
-const int failureCode = 2;
 
 const QString installedFolder = QStringLiteral("/var/lib/quillon");
 const QString installedFile = QStringLiteral("/var/lib/quillon/quillon.sqlite");
@@ -24,27 +16,6 @@ QString defaultConfigFile()
     const QFileInfo folder(installedFolder);
     const bool closed = folder.isDir() && !folder.isExecutable();
     return closed || QFileInfo::exists(installedFile) ? installedFile : daemonDefaultFile;
-}
-
-void printError(const QString &message)
-{
-    const QString line = printable(message, 600);
-    std::fprintf(stderr, "quillonctl: %s\n", line.toUtf8().constData());
-}
-
-/// Lines of the shared code that are meant for the daemon's log stay out of the way.
-void handleMessage(QtMsgType type, const QMessageLogContext &, const QString &message)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg)
-        printError(message);
-}
-
-void requireUtf8(int argc, char *argv[])
-{
-    for (int i = 1; i < argc; ++i) {
-        if (!isUtf8(argv[i]))
-            throw CommandError(QStringLiteral("argument %1 is not UTF-8 text").arg(i));
-    }
 }
 
 void addCommands(CLI::App &app, CommandContext &context)
@@ -73,36 +44,17 @@ void addCommands(CLI::App &app, CommandContext &context)
 
 int run(int argc, char *argv[])
 {
-    requireUtf8(argc, argv);
     CommandContext context;
     context.configFile = defaultConfigFile().toStdString();
     CLI::App app(
         "Steers the Quillon gateway through its configuration file, while it runs or not.", "quillonctl");
     addCommands(app, context);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0)
-            return app.exit(error); // prints the help or the version
-        throw CommandError(QString::fromUtf8(error.what()) + QStringLiteral("; see quillonctl --help"));
-    }
-    return context.exitCode;
+    return parseArguments(app, argc, argv) ? context.exitCode : 0;
 }
 
 } // namespace
 
 int main(int argc, char *argv[])
 {
-    QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8")); // names of files, in any locale
-    qInstallMessageHandler(handleMessage);
-    int ownArgument = 1; // the others are not Qt's to look at
-    const QCoreApplication application(ownArgument, argv);
-    try {
-        return run(argc, argv);
-    } catch (const CommandError &error) {
-        printError(error.message());
-    } catch (const std::exception &error) {
-        printError(QString::fromUtf8(error.what()));
-    }
-    return failureCode;
+    return runProgram("quillonctl", argc, argv, run);
 }

@@ -33,13 +33,23 @@ export async function post(path, body = {}) {
   return answerOf(await fetch(path, { method: "POST", headers, body: JSON.stringify(body) }));
 }
 
+/** Whether the console lets nobody else follow what is live; an EventSource does not tell why it was refused. */
+async function isFull(url) {
+  const asked = new AbortController();
+  const response = await fetch(url, { signal: asked.signal }).catch(() => null);
+  asked.abort();
+  return response?.status === 503;
+}
+
 /**
- * Follows what is live until stop(): handlers `joined`, `lost`, `state`, `reset`, `record` and `missed`. After an
- * interruption it goes on where it was. A console that has gone without a word is lost after a silence.
+ * Follows what is live until stop(): handlers `joined`, `lost`, `full`, `state`, `reset`, `record` and `missed`. After
+ * an interruption it goes on where it was. A console that has gone without a word is lost after a silence.
  */
 export function follow(handlers) {
   stop();
-  source = new EventSource("/api/events?after=" + encodeURIComponent(lastId));
+  const url = "/api/events?after=" + encodeURIComponent(lastId);
+  let joined = false;
+  source = new EventSource(url);
   const lose = () => {
     stop();
     handlers.lost();
@@ -49,8 +59,16 @@ export function follow(handlers) {
     handle(event);
   });
   expectMore(lose);
-  source.onopen = () => handlers.joined();
-  source.onerror = lose;
+  source.onopen = () => {
+    joined = true;
+    handlers.joined();
+  };
+  source.onerror = async () => {
+    if (joined) return lose();
+    stop();
+    if (await isFull(url)) handlers.full();
+    else handlers.lost();
+  };
   listen("alive", () => {});
   listen("reset", () => handlers.reset());
   listen("state", event => handlers.state(JSON.parse(event.data)));

@@ -10,6 +10,7 @@ import { applyTexts, text } from "./texts.js";
 import { showTop } from "./top.js";
 
 const retryMs = 2000;
+const fullMs = 10000; // others have to go first
 let session = {};
 
 function show(state) {
@@ -22,12 +23,17 @@ function show(state) {
   showRadioNames(state.radios);
 }
 
+/** Says why the page does not follow what is live, and tries again after a while. */
+function stayBehind(reason, waitMs) {
+  setText(byId("lost"), text(reason));
+  byId("lost").hidden = false;
+  setTimeout(start, waitMs);
+}
+
 const handlers = {
   joined: () => { byId("lost").hidden = true; },
-  lost: () => {
-    byId("lost").hidden = false;
-    setTimeout(start, retryMs);
-  },
+  lost: () => stayBehind("lost", retryMs),
+  full: () => stayBehind("full", fullMs),
   state: show,
   reset: clearRecords,
   missed: addMissed,
@@ -49,7 +55,6 @@ async function start() {
   try {
     const state = await getState();
     session = state.session;
-    byId("lost").hidden = true;
     askForPassword(false);
     show(state);
     follow(handlers);
