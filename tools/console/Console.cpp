@@ -6,8 +6,10 @@
 
 #include <QJsonDocument>
 #include <QPointer>
+#include <QSemaphore>
 #include <QTcpSocket>
 
+#include <memory>
 #include <openssl/crypto.h>
 
 namespace {
@@ -37,6 +39,23 @@ Reply tryLater(int status, int seconds, const QString &message)
     return reply;
 }
 
+/// Begins all threads of a pool and keeps them: one that began while descriptors are short would end the
+/// program, since its event dispatcher takes some.
+void startThreads(QThreadPool *pool)
+{
+    pool->setMaxThreadCount(threads);
+    pool->setExpiryTimeout(-1);
+    const auto begun = std::make_shared<QSemaphore>();
+    const auto others = std::make_shared<QSemaphore>();
+    for (int i = 0; i < threads; ++i)
+        pool->start([begun, others] {
+            begun->release();
+            others->acquire(); // so that the next one takes a thread of its own
+        });
+    begun->acquire(threads);
+    others->release(threads);
+}
+
 QByteArray compact(const QJsonObject &object)
 {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
@@ -51,7 +70,7 @@ Console::Console(const QString &configFile, Access::Settings settings, QObject *
           return m_access.mayLook(session);
       })
 {
-    m_pool.setMaxThreadCount(threads);
+    startThreads(&m_pool);
     connect(&m_box, &Box::recorded, &m_hub, &EventHub::scheduleFlush);
     connect(&m_box, &Box::stateChanged, this,
         [this](const QJsonObject &state) { m_hub.sendState(compact(state)); });
