@@ -44,8 +44,12 @@ class TestDiscoverer : public QObject
     Q_OBJECT
 
 private slots:
-    void initTestCase() { ConfigDatabase::getInstance(m_file.path()); }
-    void init();
+    void initTestCase()
+    {
+        ConfigDatabase::getInstance(m_file.path());
+        cleanup(); // of the rows that a new file has
+    }
+    void cleanup();
     void scansForEveryOutput();
     void newPortsAreRegistered();
     void theRowThatDecides();
@@ -57,7 +61,7 @@ private:
     QScopedPointer<Discoverer> m_discoverer;
 };
 
-void TestDiscoverer::init()
+void TestDiscoverer::cleanup()
 {
     QTest::qWait(50); // the adapters end with their radios
     m_discoverer.reset(new Discoverer);

@@ -244,8 +244,8 @@ void TestPubSub::signsWithTheServersTime()
     output.token = {400, R"({"error":"invalid_grant"})", "Bad", 0, 0, date};
     LogCapture log;
     output.start();
-    QTRY_COMPARE(output.tokenRequests(), 2);
-    const QByteArray assertion = output.server.requestsTo("/token").last().body.split('=').last();
+    QTRY_VERIFY(output.tokenRequests() >= 2);
+    const QByteArray assertion = output.server.requestsTo("/token").at(1).body.split('=').last();
     const QByteArray claims =
         QByteArray::fromBase64(assertion.split('.').at(1), QByteArray::Base64UrlEncoding);
     const double issued = QJsonDocument::fromJson(claims).object().value("iat"_s).toDouble();
