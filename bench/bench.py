@@ -30,7 +30,8 @@ class Bench:
     def __init__(self, arguments):
         self.arguments = arguments
         self.folder = tempfile.mkdtemp(prefix="quillon-bench-")
-        self.results = {"date": str(date.today()), "machine": machine(), "versions": versions(arguments.bin)}
+        self.results = earlier_results(arguments) if arguments.parts else {}
+        self.results |= {"date": str(date.today()), "machine": machine(), "versions": versions(arguments.bin)}
 
     def new_daemon(self, links, baud=38400):
         """A daemon with a file of its own, in which these radios have their row."""
@@ -130,6 +131,15 @@ def add_raw(database):
     add_output(database, "RAW", "127.0.0.1", TcpSink(len).port)
 
 
+def earlier_results(arguments):
+    """What the parts that are not measured this time came to before."""
+    try:
+        with open(f"{arguments.output}.json") as file:
+            return json.load(file)
+    except FileNotFoundError:
+        return {}
+
+
 def machine():
     with open("/proc/cpuinfo") as file:
         model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), platform.machine())
@@ -152,7 +162,8 @@ PARTS = {"instructions": instructions.measure, "size": Bench.size, "database": B
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
-    parser.add_argument("parts", nargs="*", metavar="PART", help=", ".join(PARTS) + " (all)")
+    parser.add_argument("parts", nargs="*", metavar="PART",
+                        help=", ".join(PARTS) + " (all); the figures of the others stay as they were measured before")
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--output", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--quick", action="store_true", help="short runs, to try the script")
