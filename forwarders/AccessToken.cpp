@@ -54,7 +54,7 @@ void AccessToken::request()
     if (problem.isEmpty())
         post(account.tokenUri(), assertion);
     else
-        emit failed(problem, 0);
+        fail(problem, 0);
 }
 
 void AccessToken::post(const QString &tokenUri, const QByteArray &assertion)
@@ -85,13 +85,18 @@ void AccessToken::finish(QNetworkReply *reply)
         request(); // signed with the server's time it may be taken
         return;
     }
-    const qint64 retryAfter = m_clock->retryAfter(reply->rawHeader("Retry-After"));
-    if (!value().isEmpty()) // there is still time for another try
-        m_renewal.start(int(qMax(retryAfter, m_lifetime / 100)));
     QString reason = errorText(answer);
     if (reason.isEmpty())
         reason = code == 200 ? QStringLiteral("the answer holds no access token") : reply->errorString();
-    emit failed(QStringLiteral("no access token: %1").arg(reason), retryAfter);
+    fail(QStringLiteral("no access token: %1").arg(reason),
+        m_clock->retryAfter(reply->rawHeader("Retry-After")));
+}
+
+void AccessToken::fail(const QString &reason, qint64 retryAfter)
+{
+    if (!value().isEmpty()) // there is still time for another try
+        m_renewal.start(int(qMax(retryAfter, m_lifetime / 100)));
+    emit failed(reason, retryAfter);
 }
 
 bool AccessToken::take(const QByteArray &answer)

@@ -53,6 +53,7 @@ private:
     void post(const QString &tokenUri, const QByteArray &assertion);
     void finish(QNetworkReply *reply);
     bool take(const QByteArray &answer);
+    void fail(const QString &reason, qint64 retryAfter);
 
     QNetworkAccessManager *const m_network;
     ServerClock *const m_clock;

@@ -14,6 +14,8 @@ public:
     bool isResting() const { return restLeft() > 0; }
     /// ms until the next try.
     qint64 restLeft() const { return qMax<qint64>(0, m_until - m_clock.elapsed()); }
+    /// Whether so many tries failed that the rests grow no longer.
+    bool isLongest() const { return m_longest == m_unit * 60; }
     /// Whether the last try failed.
     bool hasFailed() const { return m_failed; }
 

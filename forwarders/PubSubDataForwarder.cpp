@@ -9,7 +9,7 @@ namespace {
 
 constexpr qint64 usualLimit = 256; // MiB
 constexpr qint64 greatestLimit = 1024LL * 1024; // MiB
-constexpr qint64 ownerLifetime = 1000; // ms
+constexpr qint64 settingsLifetime = 1000; // ms
 
 } // namespace
 
@@ -19,15 +19,18 @@ PubSubDataForwarder::PubSubDataForwarder(QObject *parent, int id, const Publishe
           &m_queue, [this] { return configuration(); }, times)
 {
     setStatus(m_status);
-    readLimit();
+    refreshSettings();
     m_writeTimer.setSingleShot(true);
     m_writeTimer.setTimerType(Qt::PreciseTimer);
     connect(&m_writeTimer, &QTimer::timeout, this, &PubSubDataForwarder::write);
-    connect(&m_publisher, &PubSubPublisher::tokenObtained, this, &PubSubDataForwarder::readLimit);
+    connect(&m_publisher, &PubSubPublisher::tokenObtained, this, [this] {
+        if (!m_isRefused) // otherwise nothing is known before the next one
+            showResult(true);
+    });
+    connect(&m_publisher, &PubSubPublisher::tokenFailed, this, [this] { showResult(false); });
     connect(&m_publisher, &PubSubPublisher::finished, this, [this](bool accepted) {
-        m_accepted = accepted;
-        showStatus(
-            accepted && m_queue.diskWorks() ? DataForwarderConfig::Working : DataForwarderConfig::Failed);
+        m_isRefused = !accepted;
+        showResult(accepted);
         scheduleWrite();
     });
     m_sendTimer.setSingleShot(true);
@@ -48,28 +51,36 @@ void PubSubDataForwarder::forwardSent(QSharedPointer<IcomCommand> command)
 
 void PubSubDataForwarder::add(const CloudMessage &message)
 {
-    refreshOwner();
+    refreshSettings();
     m_queue.add(message.toJson(m_owner));
     m_sendTimer.start(0); // after the other outputs have the frame, too
     scheduleWrite();
 }
 
-/// Who owns the gateway changes so seldom that a burst of frames need not ask each time.
-void PubSubDataForwarder::refreshOwner()
+/// They change so seldom that a burst of frames need not ask each time; while the file cannot be read, the
+/// old ones hold.
+void PubSubDataForwarder::refreshSettings()
 {
-    if (m_ownerAge.isValid() && !m_ownerAge.hasExpired(ownerLifetime))
+    if (m_settingsAge.isValid() && !m_settingsAge.hasExpired(settingsLifetime))
         return;
-    m_ownerAge.start();
-    const CloudOwner owner = CloudOwner::read();
-    if (!ConfigDatabase::getInstance()->lastReadFailed())
-        m_owner = owner;
+    const auto refresh = [](const QString &key, QString *value) {
+        const QString read = ConfigDatabase::getInstance()->getSystemConfigurationValue(key);
+        if (!ConfigDatabase::getInstance()->lastReadFailed())
+            *value = read;
+    };
+    refresh(OWNER_EMAIL_KEY, &m_owner.email);
+    refresh(OWNER_DEPT_KEY, &m_owner.department);
+    refresh(OUTBOX_LIMIT_KEY, &m_limit);
+    const qint64 limit = m_limit.toLongLong(); // 0 when it is no number
+    m_queue.setLimit((limit > 0 && limit <= greatestLimit ? limit : usualLimit) * 1024 * 1024);
+    m_settingsAge.start();
 }
 
-void PubSubDataForwarder::readLimit()
+/// What came of the last request.
+void PubSubDataForwarder::showResult(bool accepted)
 {
-    const QString value = ConfigDatabase::getInstance()->getSystemConfigurationValue(OUTBOX_LIMIT_KEY);
-    const qint64 limit = value.toLongLong(); // 0 when it is no number
-    m_queue.setLimit((limit > 0 && limit <= greatestLimit ? limit : usualLimit) * 1024 * 1024);
+    m_accepted = accepted;
+    showStatus(accepted && m_queue.diskWorks() ? DataForwarderConfig::Working : DataForwarderConfig::Failed);
 }
 
 void PubSubDataForwarder::write()

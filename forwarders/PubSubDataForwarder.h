@@ -23,18 +23,20 @@ public slots:
 
 private:
     void add(const CloudMessage &message);
-    void refreshOwner();
-    void readLimit();
+    void refreshSettings();
     void write();
     void scheduleWrite();
+    void showResult(bool accepted);
     void showStatus(DataForwarderConfig::ForwarderStatus status);
 
     PubSubQueue m_queue;
     PubSubPublisher m_publisher;
     CloudOwner m_owner{UNDEFINED_VALUE, UNDEFINED_VALUE};
-    QElapsedTimer m_ownerAge;
+    QString m_limit; // as the key says it
+    QElapsedTimer m_settingsAge;
     QTimer m_sendTimer;
     QTimer m_writeTimer;
     bool m_accepted = false; // the last request
+    bool m_isRefused = false; // the last request to publish
     DataForwarderConfig::ForwarderStatus m_status = DataForwarderConfig::Idle;
 };

@@ -31,7 +31,7 @@ PubSubPublisher::PubSubPublisher(PubSubQueue *queue, AccessToken::Row row, const
             return; // the old one still serves; who finds that it does not asks again
         m_backoff.fail(retryAfter);
         rest(reason);
-        emit finished(false);
+        emit tokenFailed();
     });
 }
 
@@ -164,6 +164,8 @@ void PubSubPublisher::handle(
     default:
         wait(batch);
         m_backoff.fail(retryAfter);
+        if (m_backoff.isLongest())
+            m_token.drop(); // the row may name the wrong endpoint, and have been mended
         rest(answer.reason);
     }
 }

@@ -34,7 +34,9 @@ public:
 signals:
     /// The row was read and a token is held.
     void tokenObtained();
-    /// A request for a token failed, or one to publish ended; the queue may have changed.
+    /// A request for a token failed, and none is held.
+    void tokenFailed();
+    /// A request to publish ended; the queue may have changed.
     void finished(bool accepted);
 
 private:

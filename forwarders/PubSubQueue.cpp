@@ -28,6 +28,7 @@ PubSubQueue::PubSubQueue(const QString &outboxPath) : m_outbox(outboxPath)
 
 PubSubQueue::~PubSubQueue()
 {
+    m_retryAt = 0;
     writeAll();
     if (!m_fresh.isEmpty())
         qInfo() << m_fresh.size() << "messages could not be written to the outbox and are lost";
@@ -35,8 +36,7 @@ PubSubQueue::~PubSubQueue()
 
 void PubSubQueue::add(const QByteArray &json)
 {
-    if (m_fresh.size() >= mostInMemory)
-        write(); // a burst, as after a stall, comes sooner than the timer
+    write(); // frames that have piled up in a stall come before the timer
     if (m_fresh.size() >= mostInMemory) {
         m_fresh.dequeue();
         ++m_change.dropped;
@@ -159,10 +159,12 @@ void PubSubQueue::write()
 
 void PubSubQueue::writeAll()
 {
+    if (m_clock.elapsed() < m_retryAt)
+        return;
     numberMessages();
     const int count = writable(m_clock.elapsed());
-    if (count > 0 || !m_change.isEmpty())
-        commit(count);
+    if ((count > 0 || !m_change.isEmpty()) && !commit(count))
+        m_retryAt = m_clock.elapsed() + diskRetryDelay;
 }
 
 /// How many messages of those heard up to a time, in ms on m_clock, have the number that the disk asks for.

@@ -87,10 +87,10 @@ PublishAnswer publishAnswer(int code, const QString &phrase, const QByteArray &b
     const QString reason = code == 0
         ? oneLine(phrase)
         : oneLine(QStringLiteral("%1 %2").arg(QString::number(code), said.isEmpty() ? phrase : said));
-    // A page of something on the way must not make messages refused.
     const PublishAnswer::Verdict verdict = verdictOf(code);
-    if (said.isEmpty() && (!body.trimmed().isEmpty() || verdict == PublishAnswer::Refused))
-        return {PublishAnswer::NoAnswer, reason}; // nor may one that was cut
+    // A page of something on the way, or an answer that was cut, must not make messages refused.
+    if (said.isEmpty() && verdict == PublishAnswer::Refused)
+        return {PublishAnswer::NoAnswer, reason};
     return {isPrecondition(body) ? PublishAnswer::Forbidden : verdict, reason};
 }
 

@@ -30,8 +30,8 @@ void ServerClock::note(const QByteArray &dateHeader)
     const qint64 own = QDateTime::currentSecsSinceEpoch();
     const bool differs = qAbs(date - own) > tolerance;
     if (differs && !m_differs)
-        qInfo() << "The clock of this machine is" << own - date
-                << "s ahead of the server's, which is used to sign";
+        qInfo() << "The clock of this machine is" << qAbs(own - date) << "s"
+                << (own > date ? "ahead of" : "behind") << "the server's, which is used to sign";
     m_differs = differs;
 }
 

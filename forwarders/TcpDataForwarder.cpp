@@ -108,13 +108,11 @@ void TcpDataForwarder::connectToFoundHost(const QHostInfo &host)
 
 void TcpDataForwarder::connectBlocking()
 {
-    if (!m_isRefusedAtOnce) // it would be again
-        emit LongWait::getInstance()->begins();
+    emit LongWait::getInstance()->begins();
     QElapsedTimer wait;
     wait.start();
     m_socket.connectToHost(m_target, tcpPort(m_port));
     const bool isConnected = m_socket.waitForConnected(connectTimeout);
-    m_isRefusedAtOnce = !isConnected && !wait.hasExpired(longWait);
     if (wait.hasExpired(longWait)) {
         rest().sinceWait.start();
         rest().sinceBusy.start();

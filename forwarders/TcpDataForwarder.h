@@ -41,7 +41,6 @@ private:
     QTimer m_reconnectTimer;
     QDeadlineTimer m_stillInTime; // for the timer, unless the event loop is busy
     bool m_connected = false;
-    bool m_isRefusedAtOnce = false; // by the last attempt
     bool m_isFound = false; // looked up before a rest
     QString m_target;
     int m_port = -1;

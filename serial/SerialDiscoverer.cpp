@@ -65,10 +65,10 @@ bool SerialDiscoverer::makeForwarders()
         const auto forwarder = createForwarder(row);
         if (!forwarder)
             continue;
-        if (forwarder->isDurable()) // the others may hold a frame up for a long time
-            m_forwarders.prepend(forwarder);
-        else
-            m_forwarders.append(forwarder);
+        // The others may hold a frame up for a long time.
+        const auto place = std::find_if(m_forwarders.begin(), m_forwarders.end(),
+            [&](const auto &each) { return forwarder->isDurable() && !each->isDurable(); });
+        m_forwarders.insert(place, forwarder);
     }
     return true;
 }

@@ -124,7 +124,6 @@ void TestForwarders::unreachableTcpTargets()
     // Ports beyond the range, which must not end up at the server; no name that needs a resolver.
     const QPair<QString, int> targets[] = {{localhost, 65536 + server.serverPort()},
         {localhost, server.serverPort() - 65536}, {"no host"_s, 9}, {""_s, 9}};
-    const QSignalSpy longWaits(LongWait::getInstance(), &LongWait::begins);
     LogCapture log;
     std::vector<std::unique_ptr<RawOutput>> outputs;
     for (const auto &[host, port] : targets)
@@ -141,7 +140,6 @@ void TestForwarders::unreachableTcpTargets()
     QVERIFY(std::all_of(outputs.begin(), outputs.end(), [](auto &output) { return output->status() == 4; }));
     QTRY_VERIFY(log.count("\"no host\""_s) > 2); // it is looked up again
     QVERIFY(!server.hasPendingConnections());
-    QVERIFY(longWaits.count() <= 2); // by the first attempts of those that are refused
 }
 
 void TestForwarders::tcpServerComesGoesAndComesBack()
