@@ -5,6 +5,7 @@ import re
 import shutil
 import signal
 import subprocess
+import tempfile
 import time
 
 from cloudfaults import CloudFaults
@@ -156,14 +157,17 @@ class Faults:
         os.replace(self.soak.database + ".new", self.soak.database)
 
     def make_read_only(self):
-        """What is opened from now on is; the kernel would refuse it for a file that is open for writing."""
+        """What is opened from now on is. Mounted elsewhere first: the kernel refuses it while a file is written."""
         folder = os.path.dirname(self.soak.database)
-        subprocess.run(["mount", "--bind", folder, folder], check=True)
-        try:
-            subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
-            self.pause(2, 4)
-        finally:
-            subprocess.run(["umount", "-l", folder], check=True)
+        with tempfile.TemporaryDirectory() as other:
+            subprocess.run(["mount", "--bind", folder, other], check=True)
+            try:
+                subprocess.run(["mount", "-o", "remount,bind,ro", other], check=True)
+                subprocess.run(["mount", "--bind", other, folder], check=True)
+                self.pause(2, 4)
+                subprocess.run(["umount", "-l", folder], check=True)
+            finally:
+                subprocess.run(["umount", "-l", other], check=True)
 
     # Disk and daemon
 

@@ -131,7 +131,7 @@ class Rude:
 
     def send(self):
         with self._join() as client:
-            client.settimeout(5)
+            client.settimeout(60)  # an output may let the daemon stand still meanwhile, and another after it
             try:
                 for _ in range(100):
                     client.sendall(os.urandom(16384))
