@@ -102,7 +102,11 @@ void TestStreamRecords::ofEveryKind()
     m_file.writeFile("records"_s, client.lines() + "{\"record\":\"lost\",\"count\":3}\n");
     m_file.writeFile("validate.py"_s,
         "import json, jsonschema, sys\n"
-        "schema = jsonschema.Draft202012Validator(json.load(open(sys.argv[1])))\n"
+        "schema = json.load(open(sys.argv[1]))\n"
+        "for record in schema['$defs'].values():\n" // clients bear further members, which need a description
+        "    if 'record' in record.get('properties', {}):\n"
+        "        record['additionalProperties'] = False\n"
+        "schema = jsonschema.Draft202012Validator(schema)\n"
         "print(sum(schema.validate(json.loads(line)) is None for line in open('records')))\n");
     QCOMPARE(runShell("python3 validate.py " QUILLON_DOCS_DIR "/stream.schema.json 2>&1"_s, m_file.folder()),
         QByteArray::number(client.lines().count('\n') + 1) + '\n');
