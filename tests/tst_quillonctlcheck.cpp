@@ -1,5 +1,6 @@
 #include "support/QuillonctlTest.h"
 
+#include <sys/file.h>
 #include <sys/stat.h>
 
 class TestQuillonctlCheck : public QuillonctlTest
@@ -8,6 +9,7 @@ class TestQuillonctlCheck : public QuillonctlTest
 
 private slots:
     void findings();
+    void believesARunningDaemon();
     void reachesServers();
     void namesOfOneDevice();
 };
@@ -55,6 +57,35 @@ void TestQuillonctlCheck::findings()
     for (const char *text :
         {"change the file", "/etc/shadow cannot be opened by", "/etc cannot be written by"})
         QVERIFY2(m_out.contains(text), text);
+}
+
+void TestQuillonctlCheck::believesARunningDaemon()
+{
+    m_file->run("UPDATE data_forwarder SET enabled = 0"_s);
+    m_file->run("INSERT INTO data_forwarder (type, enabled, target, status) VALUES ('DUOS', 1, '', 4),"
+                " ('DUOS', 0, '', 4), ('DUOS', 1, '', 3), ('FOO', 1, '', 4)"_s);
+    m_file->run("INSERT INTO radio_adapters (method, port, enabled, autobaud, tx_enabled, status) VALUES"
+                " ('STATIC', '/dev/null', 1, 1, 1, 2), ('STATIC', '/dev/zero', 1, 1, 1, 1),"
+                " ('STATIC', '/dev/full', 0, 1, 1, 2), ('UART', 'ttyUSB998', 1, 1, 1, 2),"
+                " ('STATIC', '/dev/zero', 1, 1, 1, 2)"_s);
+    const QByteArray always = "warning: radio 6 (/dev/zero): another row";
+    const QByteArray atLast = "error: output 6 (FOO): ";
+    const auto lines = [this] {
+        run("check"_s);
+        return m_out.trimmed().split('\n');
+    };
+    const QByteArrayList stopped = lines(); // what it wrote last is old
+    QCOMPARE(stopped.size(), 2);
+    QFile lock(m_file->writeFile("quillon.sqlite.lock"_s, {}));
+    QCOMPARE(lines(), stopped);
+    QVERIFY(lock.open(QIODevice::ReadWrite));
+    QCOMPARE(::flock(lock.handle(), LOCK_EX), 0);
+    const QByteArrayList running = lines();
+    QCOMPARE(running.size(), 4);
+    const QByteArray expected[] = {"warning: radio 2 (/dev/null): it does not answer. Remedy: ", always,
+        "warning: output 3 (DUOS): it has failed. Remedy: journalctl -u quillon", atLast};
+    for (int i = 0; i < running.size(); ++i)
+        QVERIFY2(running.at(i).startsWith(expected[i]), running.at(i));
 }
 
 void TestQuillonctlCheck::reachesServers()
