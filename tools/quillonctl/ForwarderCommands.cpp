@@ -245,7 +245,8 @@ void addSetCommand(CLI::App *forwarder, CommandContext &context)
     set->add_flag("--public", options->isPublic, "Let other machines read, too (stream)");
     set->add_option("--credentials", options->credentials, "Service-account document (gcp, pubsub)");
     set->add_option("--topic", options->topic, "Topic id (gcp, pubsub)");
-    set->add_option("--endpoint", options->endpoint, "https://HOST[:PORT], or default for Google's (gcp)");
+    set->add_option(
+        "--endpoint", options->endpoint, "https://HOST[:PORT], or default for Google's (gcp, pubsub)");
     set->add_option("--comment", options->comment, "Free text");
     set->callback([&context, options] { setOutput(context, *options); });
 }
