@@ -36,10 +36,18 @@ void TestPubSubCommands::showsAndDropsOutboxes()
     QCOMPARE(run("outbox drop 1"_s), 2);
     QCOMPARE(run("outbox drop 1 --yes"_s), 0);
     QCOMPARE(running.read({1, 9}, 9, 999)->size(), 0);
+    QCOMPARE(run("outbox show 1"_s), 0); // the counters go on
+    QVERIFY2(QRegExp(".*\n1 +0 +- +8 +1 *\n\nNo refused message is kept.\n"_s)
+                 .exactMatch(QString::fromUtf8(m_out)),
+        m_out);
+    const OutboxMessage old{running.nextSequence(), R"({"transmissionDate":"2000-01-01T00:00:00.000Z"})"};
+    QCOMPARE(running.apply({{old}, {}, {}, 0}).value_or(-1), 0);
+    QCOMPARE(run("status"_s), 0); // heard before the clock was set
+    QVERIFY2(QRegExp(".*\n1 +1 +- +8 +1 *\n.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
     QVERIFY(QFile::exists(path));
     m_file->run("DELETE FROM data_forwarder WHERE ids = 1"_s);
     QCOMPARE(run("outbox list"_s), 0);
-    QVERIFY2(QRegExp(".*\n1 +0 +- +8 +1 +no +.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
+    QVERIFY2(QRegExp(".*\n1 +1 +- +8 +1 +no +.*"_s).exactMatch(QString::fromUtf8(m_out)), m_out);
     QCOMPARE(run("outbox drop 1 --yes"_s), 0);
     QVERIFY(!QFile::exists(path));
 }

@@ -72,7 +72,7 @@ void show(const CommandContext &context, const OutboxOptions &options)
     printTable({{QStringLiteral("sequence"), QStringLiteral("SEQUENCE")},
                    {QStringLiteral("reason"), QStringLiteral("REASON")},
                    {QStringLiteral("message"), QStringLiteral("MESSAGE")}},
-        refused, QStringLiteral("No message was refused."));
+        refused, QStringLiteral("No refused message is kept."));
 }
 
 void drop(const CommandContext &context, const OutboxOptions &options)

@@ -12,12 +12,16 @@ namespace {
 constexpr qint64 removedAtOnce = 5000; // messages; the daemon waits meanwhile
 constexpr int restMs = 30; // SQLite's tries to get the file lie up to 25 ms apart: the daemon gets its turn
 
+constexpr qint64 credibleAge = 366LL * 86400; // a clock without a battery starts years in the past
+
+/// In seconds; -1 when the clock has been set since.
 qint64 ageOf(const QByteArray &message)
 {
     const QString date =
         QJsonDocument::fromJson(message).object().value(QLatin1String("transmissionDate")).toString();
     const QDateTime heard = QDateTime::fromString(date, Qt::ISODateWithMs);
-    return qMax<qint64>(0, heard.secsTo(QDateTime::currentDateTimeUtc()));
+    const qint64 age = qMax<qint64>(0, heard.secsTo(QDateTime::currentDateTimeUtc()));
+    return age > credibleAge ? -1 : age;
 }
 
 QString ageText(const QJsonObject &row)
@@ -63,8 +67,9 @@ QJsonObject OutboxFile::counts()
         if (!state.next())
             throw SqliteError{SQLITE_CORRUPT, QStringLiteral("its counters are missing")};
         result[QStringLiteral("waiting")] = state.integer(0);
-        if (oldest.next())
-            result[QStringLiteral("oldest")] = ageOf(oldest.bytes(0));
+        const qint64 age = oldest.next() ? ageOf(oldest.bytes(0)) : -1;
+        if (age >= 0)
+            result[QStringLiteral("oldest")] = age;
         result[QStringLiteral("dropped")] = state.integer(1);
         result[QStringLiteral("refused")] = state.integer(2);
         return result;

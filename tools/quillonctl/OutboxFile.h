@@ -20,7 +20,8 @@ public:
     /// Opens an existing file; waits up to `busyTimeoutMs` whenever another program has it locked.
     OutboxFile(const QString &path, Access access, int busyTimeoutMs);
 
-    /// waiting, oldest (its age in seconds; absent when nothing waits), dropped, refused.
+    /// waiting, oldest (its age in seconds; absent when nothing waits, and when it would be more than a year:
+    /// then the clock was set right since), dropped, refused.
     QJsonObject counts();
     /// The refused messages that are kept, the oldest first: sequence, reason, message.
     QJsonArray refused();
