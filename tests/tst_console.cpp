@@ -10,6 +10,7 @@ class TestConsole : public ConsoleTest
 private slots:
     void answers_data();
     void answers();
+    void answersHeadWithoutBody();
     void refusesToStart_data();
     void refusesToStart();
     void slowClientsCostNobodyElse();
@@ -45,9 +46,17 @@ void TestConsole::answers_data()
     row("folder above", 404, get("/../../etc/passwd"));
     row("encoded path", 404, get("/%2e%2e/%00%ff?%zz=%"));
     row("no such method", 405, "DELETE / HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    row("absolute form", 200, "GET http://localhost HTTP/1.1\r\nHost: evil.example\r\n\r\n");
+    row("absolute form of a state", 200, "GET HTTP://[::1]:8470/api/state?/ HTTP/1.1\r\nHost: x\r\n\r\n");
+    row("absolute form of another", 421, "GET https://evil.example/ HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    row("absolute form of none", 400, "GET http:///api/state HTTP/1.1\r\nHost: localhost\r\n\r\n");
+    row("nothing under /api", 404, get("/api/none"));
+    row("what takes POST", 405, get("/api/say"));
     row("state is asked for", 405, post("/api/state", "{}").replace("POST", "PUT"));
     row("rebound name", 421, "GET /api/state HTTP/1.1\r\nHost: evil.example\r\n\r\n");
-    row("no name", 421, "GET /api/state HTTP/1.1\r\n\r\n");
+    row("no name in HTTP/1.0", 421, "GET /api/state HTTP/1.0\r\n\r\n");
+    row("no name", 400, "GET /api/state HTTP/1.1\r\n\r\n");
+    row("two names", 400, get("/api/state", "Host: localhost\r\n"));
     row("no JSON", 401, "POST /api/restart HTTP/1.1\r\nHost: localhost\r\n\r\n");
     for (const char *path : {"/api/say", "/api/restart", "/api/radio/1", "/api/login", "/api/logout",
              "/api/state", "/api/none", "/"})
@@ -71,6 +80,18 @@ void TestConsole::answers()
         slowly.send(request.mid(i, 1 + request.size() / 40));
     QTEST(statusOf(slowly.answer()), "status");
     QCOMPARE(m_file->run("SELECT count(*) FROM pending_actions"_s), before);
+}
+
+void TestConsole::answersHeadWithoutBody()
+{
+    start();
+    for (const char *path : {"/", "/api/state", "/api/events", "/api/say"}) {
+        const QByteArray whole = ConsoleClient(m_port).send(get(path)).answer(500);
+        const QByteArray head = ask(get(path).replace(0, 3, "HEAD"));
+        QCOMPARE(statusOf(head), statusOf(whole));
+        QVERIFY2(head.endsWith("\r\n\r\n") && head.count("\r\n\r\n") == 1, head);
+        QCOMPARE(head.contains("Content-Length: "), whole.contains("Content-Length: "));
+    }
 }
 
 void TestConsole::refusesToStart_data()

@@ -52,5 +52,5 @@ Reply Assets::answer(const QString &path, const QByteArray &knownTag)
             return {304, {}, {}, headers};
         return {200, asset.contentType, content, headers};
     }
-    return Reply::error(404, QStringLiteral("there is nothing at this address"));
+    return Reply::notFound();
 }

@@ -7,6 +7,9 @@
 namespace {
 
 const int lockPatienceMs = 5000;
+const QString sayPath = QStringLiteral("/api/say");
+const QString restartPath = QStringLiteral("/api/restart");
+const QString streamPath = QStringLiteral("/api/stream");
 const QString radioPath = QStringLiteral("/api/radio/");
 
 QJsonValue member(const QJsonObject &body, const QString &name, QJsonValue::Type type)
@@ -39,16 +42,21 @@ Reply changeOne(const ConfigFile &file, int id, const QJsonObject &body)
 
 } // namespace
 
+bool isChange(const QString &path)
+{
+    return path == sayPath || path == restartPath || path == streamPath || path.startsWith(radioPath);
+}
+
 Reply carryOut(const QString &path, const QJsonObject &body, const QString &configFile)
 {
     const auto open = [&] { return ConfigFile(configFile, ConfigFile::ReadWrite, lockPatienceMs); };
-    if (path == QLatin1String("/api/say"))
+    if (path == sayPath)
         return say(open(), body);
-    if (path == QLatin1String("/api/restart"))
+    if (path == restartPath)
         return Reply::json({{QStringLiteral("queued"), queueRestart(open())}});
-    if (path == QLatin1String("/api/stream"))
+    if (path == streamPath)
         return Reply::json({{QStringLiteral("added"), addStream(open())}});
     if (path.startsWith(radioPath))
         return changeOne(open(), checkedId(path.mid(radioPath.size()).toStdString()), body);
-    return Reply::error(404, QStringLiteral("there is nothing at this address"));
+    return Reply::notFound();
 }

@@ -18,9 +18,23 @@ const int threads = 3;
 const int findingsAgeSeconds = 60;
 const int maximumHashing = 2; ///< each takes 16 MiB meanwhile
 
+const QString statePath = QStringLiteral("/api/state");
+const QString eventsPath = QStringLiteral("/api/events");
+const QString loginPath = QStringLiteral("/api/login");
+const QString logoutPath = QStringLiteral("/api/logout");
+
 Reply noSession()
 {
     return Reply::error(401, QStringLiteral("log in first"));
+}
+
+/// What an address under /api takes; empty when there is nothing.
+QByteArrayList methodsAt(const QString &path)
+{
+    if (path == statePath || path == eventsPath)
+        return {"GET", "HEAD"};
+    const bool takesPost = path == loginPath || path == logoutPath || isChange(path);
+    return takesPost ? QByteArrayList{"POST"} : QByteArrayList();
 }
 
 Reply wrongMethod(const QByteArray &allowed)
@@ -99,26 +113,26 @@ void Console::handle(Connection *connection, const Request &request)
 
 void Console::handleApi(Connection *connection, const Request &request)
 {
-    const bool isState = request.path == QLatin1String("/api/state");
-    const bool isEvents = request.path == QLatin1String("/api/events");
-    const QByteArray wanted = isState || isEvents ? "GET" : "POST";
-    if (request.method != wanted)
-        connection->answer(wrongMethod(wanted));
-    else if (request.path == QLatin1String("/api/login"))
+    const QByteArrayList methods = methodsAt(request.path);
+    if (!methods.isEmpty() && !methods.contains(request.method))
+        connection->answer(wrongMethod(methods.join(", ")));
+    else if (request.path == loginPath)
         logIn(connection, request);
     else if (!m_access.mayLook(Access::sessionId(request)))
         connection->answer(noSession());
-    else if (isState)
+    else if (request.path == statePath)
         sendState(connection, request);
-    else if (isEvents)
+    else if (request.path == eventsPath)
         sendEvents(connection, request);
-    else if (!m_access.mayChange(request))
+    else if (request.method == "POST" && !m_access.mayChange(request))
         connection->answer(Reply::error(
             401, QStringLiteral("the header X-Session-Token does not hold the session's token")));
-    else if (request.path == QLatin1String("/api/logout"))
+    else if (request.path == logoutPath)
         connection->answer(logOut(request));
-    else
+    else if (isChange(request.path))
         change(connection, request);
+    else
+        connection->answer(Reply::notFound());
 }
 
 QJsonObject Console::session(const Request &request) const
@@ -158,11 +172,16 @@ void Console::sendEvents(Connection *connection, const Request &request)
             tryLater(503, 10, QStringLiteral("%1 clients listen already").arg(EventHub::maximumClients)));
         return;
     }
+    const Reply head{200, "text/event-stream", {}, {}, true};
+    if (request.method == "HEAD") {
+        connection->answer(head);
+        return;
+    }
     QByteArray lastEventId = request.headers.value("last-event-id");
     if (lastEventId.isEmpty())
         lastEventId = request.query.queryItemValue(QStringLiteral("after")).toLatin1();
     QTcpSocket *socket = connection->release();
-    socket->write(Reply{200, "text/event-stream", {}, {}}.streamHead());
+    socket->write(head.message(true));
     m_hub.add(socket, lastEventId, Access::sessionId(request));
     connection->deleteLater();
     m_box.readSoon(); // so that it gets a state that is no older than the records

@@ -30,6 +30,11 @@ Reply Reply::error(int status, const QString &message)
     return json({{QStringLiteral("error"), message}}, status);
 }
 
+Reply Reply::notFound()
+{
+    return error(404, QStringLiteral("there is nothing at this address"));
+}
+
 QByteArray Reply::head() const
 {
     const auto reason =
@@ -49,12 +54,7 @@ QByteArray Reply::head() const
 QByteArray Reply::message(bool withBody) const
 {
     QByteArray result = head();
-    if (status != 304)
+    if (status != 304 && !isEndless)
         result += "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
     return result + "\r\n" + (withBody ? body : QByteArray());
-}
-
-QByteArray Reply::streamHead() const
-{
-    return head() + "\r\n";
 }

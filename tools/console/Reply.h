@@ -12,16 +12,16 @@ struct Reply
     QByteArray contentType = "application/json";
     QByteArray body;
     QList<QPair<QByteArray, QByteArray>> headers;
+    bool isEndless = false; ///< more of the body follows until the connection ends
 
     static Reply json(const QJsonObject &object, int status = 200);
     /// A JSON object whose member `error` says in a sentence what is wrong.
     static Reply error(int status, const QString &message);
+    static Reply notFound();
 
     /// The whole message (RFC 9112) after which the connection ends. `withBody` false leaves the body out, as
     /// the answer to HEAD does.
     QByteArray message(bool withBody) const;
-    /// The beginning of a message whose body goes on until the connection ends.
-    QByteArray streamHead() const;
 
 private:
     QByteArray head() const;

@@ -13,6 +13,35 @@ namespace {
 const quint32 headerLimit = 8192;
 const quint64 bodyLimit = 4096;
 
+/// The parts of a request's target (RFC 9112, 3.2); the host is there in the absolute form only.
+struct Target
+{
+    explicit Target(const QByteArray &text)
+    {
+        const QByteArray start = text.left(8).toLower();
+        isAbsolute = start.startsWith("http://") || start == "https://";
+        int pathStart = 0;
+        if (isAbsolute) {
+            const int hostStart = text.indexOf("//") + 2;
+            pathStart = hostStart;
+            while (pathStart < text.size() && text.at(pathStart) != '/' && text.at(pathStart) != '?')
+                ++pathStart;
+            host = text.mid(hostStart, pathStart - hostStart);
+        }
+        const int mark = text.indexOf('?', pathStart);
+        const int pathEnd = mark < 0 ? text.size() : mark;
+        path = text.mid(pathStart, pathEnd - pathStart);
+        if (isAbsolute && path.isEmpty())
+            path = "/";
+        query = text.mid(pathEnd + 1);
+    }
+
+    bool isAbsolute = false;
+    QByteArray host;
+    QByteArray path;
+    QByteArray query;
+};
+
 QByteArray bytesOf(boost::beast::string_view text)
 {
     return QByteArray(text.data(), int(text.size()));
@@ -48,12 +77,24 @@ RequestReader::State RequestReader::feed(const QByteArray &bytes)
             return refuse(413);
         if (error && error != http::error::need_more)
             return refuse(400);
+        if (m_parser->is_done() && !hasHost())
+            return refuse(400);
         if (m_parser->is_done())
             m_state = Complete;
         else if (error && taken == 0)
             return offered == headerLimit ? refuse(431) : m_state;
     }
     return m_state;
+}
+
+/// Whether there is one Host, as RFC 9112, 3.2, wants it; HTTP/1.0 may have none.
+bool RequestReader::hasHost() const
+{
+    const auto &message = m_parser->get();
+    const auto count = message.count(http::field::host);
+    const Target target(bytesOf(message.target()));
+    return (count == 1 || (count == 0 && message.version() < 11))
+        && (!target.isAbsolute || !target.host.isEmpty());
 }
 
 RequestReader::State RequestReader::refuse(int status)
@@ -69,12 +110,13 @@ Request RequestReader::request() const
     const auto &message = m_parser->get();
     Request result;
     result.method = bytesOf(message.method_string());
-    const QByteArray target = bytesOf(message.target());
-    const int pathEnd = target.contains('?') ? target.indexOf('?') : target.size();
-    result.path = QUrl::fromPercentEncoding(target.left(pathEnd));
-    result.query = QUrlQuery(QString::fromUtf8(target.mid(pathEnd + 1)));
+    const Target target(bytesOf(message.target()));
+    result.path = QUrl::fromPercentEncoding(target.path);
+    result.query = QUrlQuery(QString::fromUtf8(target.query));
     for (const auto &field : message)
         result.headers.insert(bytesOf(field.name_string()).toLower(), bytesOf(field.value()));
+    if (target.isAbsolute)
+        result.headers["host"] = target.host; // which counts instead of the line's (RFC 9112, 3.2.2)
     result.body = QByteArray::fromStdString(message.body());
     return result;
 }

@@ -23,7 +23,8 @@ struct Request
 };
 
 /// Makes a request of the bytes of a connection (RFC 9112), however they are cut. A header section, a chunk's
-/// extensions or trailers of more than 8 KiB, a body of more than 4 KiB, and what is no HTTP are refused.
+/// extensions or trailers of more than 8 KiB, a body of more than 4 KiB, and what is no HTTP, or names no
+/// host or two, are refused.
 class RequestReader
 {
 public:
@@ -47,6 +48,7 @@ public:
 private:
     struct Parser;
 
+    bool hasHost() const;
     State refuse(int status);
 
     const std::unique_ptr<Parser> m_parser;
