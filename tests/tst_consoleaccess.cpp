@@ -43,6 +43,8 @@ void TestConsoleAccess::loginIsSlowedDown()
     start();
     QCOMPARE(statusOf(ask(get("/api/state"))), 401);
     QCOMPARE(statusOf(ask(get("/api/events"))), 401);
+    QCOMPARE(statusOf(ask("GET / HTTP/1.1\r\n\r\n")), 400);
+    QCOMPARE(statusOf(ask("GET / HTTP/1.0\r\n\r\n")), 200);
     QCOMPARE(statusOf(ask(get("/"))), 200); // the page asks for the password
     QCOMPARE(statusOf(ask(post("/api/login", "{\"password\":1}"))), 400);
     const QByteArray wrong = post("/api/login", "{\"password\":\"guess\"}");
@@ -102,7 +104,11 @@ void TestConsoleAccess::changes()
     QFETCH(QByteArray, path);
     QFETCH(QByteArray, body);
     const QByteArray withoutToken = headers.left(headers.indexOf("X-Session-Token"));
-    QCOMPARE(statusOf(ask(post(path, body, withoutToken))), 401);
+    const QJsonObject french = bodyOf(ask(get("/texts.json"))).value("findings"_s).toObject();
+    for (const QByteArray &refused : {ask(post(path, body)), ask(post(path, body, withoutToken))}) {
+        QCOMPARE(statusOf(refused), 401);
+        QVERIFY2(french.contains(bodyOf(refused).value("error"_s).toString()), refused);
+    }
     QCOMPARE(statusOf(ask(post(path, body, withoutToken + "X-Session-Token: 00\r\n"))), 401);
     const QByteArray form = post(path, body, headers).replace("application/json", "text/plain");
     QCOMPARE(statusOf(ask(form)), 415); // another site's
