@@ -36,13 +36,29 @@ int openLockFile(const QByteArray &path)
     return descriptor >= 0 ? descriptor : ::open(path.constData(), O_RDONLY | flags);
 }
 
+/// Whoever looks whether a daemon runs holds the lock for an instant, so one look is not enough.
+bool lock(int descriptor)
+{
+    constexpr int tries = 5;
+    constexpr useconds_t pause = 20000; // µs
+    for (int i = 0; i < tries; ++i) {
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) == 0)
+            return true;
+        if (errno != EWOULDBLOCK)
+            return false;
+        ::usleep(pause);
+    }
+    errno = EWOULDBLOCK;
+    return false;
+}
+
 } // namespace
 
 InstanceLock::InstanceLock(const QString &databasePath)
 {
     const QString path = lockPath(databasePath);
     m_descriptor = openLockFile(QFile::encodeName(path));
-    if (m_descriptor >= 0 && ::flock(m_descriptor, LOCK_EX | LOCK_NB) == 0)
+    if (m_descriptor >= 0 && lock(m_descriptor))
         return;
     const int reason = errno;
     m_heldElsewhere = m_descriptor >= 0 && reason == EWOULDBLOCK;

@@ -30,6 +30,7 @@ class Watcher(threading.Thread):
         self._console = console
         self.records = self.missed = self.states = self.refused = 0
         self.problems = []
+        self.is_over = False
         self.start()
         threading.Thread(target=self.ask, daemon=True).start()
 
@@ -44,7 +45,7 @@ class Watcher(threading.Thread):
             time.sleep(1)
 
     def ask(self):
-        while True:
+        while not self.is_over:
             time.sleep(2)
             try:
                 answer = self._console.get("/api/state")
@@ -52,4 +53,5 @@ class Watcher(threading.Thread):
                 self.states += 1
                 self.refused += answer.status != 200  # the file may be locked or gone
             except (OSError, http.client.HTTPException) as error:
-                self.problems.append(f"/api/state: {error!r}")
+                if not self.is_over:
+                    self.problems.append(f"/api/state: {error!r}")

@@ -260,6 +260,8 @@ class Soak:
             answer = self.console.get("/api/state")
             if answer.status != 200:
                 self.problems.append(f"the console answers {answer.status} after the last fault")
+            for watcher in self.watchers:
+                watcher.is_over = True
             self.console.stop()
         self.radios.close()
         return Outcome(self).report(idle, line)
