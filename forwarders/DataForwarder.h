@@ -19,8 +19,9 @@ public:
     /// `id` is the row id in data_forwarder.
     DataForwarder(QObject *parent, int id);
 
-    /// Whether it promises to lose nothing: then a frame goes there before another output may hold it up.
-    virtual bool isDurable() const { return false; }
+    /// Whether it takes a frame without ever waiting: then it gets each one before the outputs that may hold
+    /// it up.
+    virtual bool isPrompt() const { return false; }
 
 public slots:
     /// One frame received from a radio; to be called by the adapter's signal.

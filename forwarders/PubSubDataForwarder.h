@@ -15,7 +15,7 @@ class PubSubDataForwarder : public DataForwarder
 public:
     PubSubDataForwarder(QObject *parent, int id, const PublisherTimes &times = PublisherTimes());
 
-    bool isDurable() const override { return true; }
+    bool isPrompt() const override { return true; }
 
 public slots:
     void forward(QSharedPointer<IcomCommandResponse> resp) override;

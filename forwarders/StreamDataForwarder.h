@@ -17,6 +17,8 @@ class StreamDataForwarder : public DataForwarder
 public:
     StreamDataForwarder(QObject *parent, int id);
 
+    bool isPrompt() const override { return true; }
+
 public slots:
     void forward(QSharedPointer<IcomCommandResponse> resp) override;
     void forwardSent(QSharedPointer<IcomCommand> command) override;

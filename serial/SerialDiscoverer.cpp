@@ -67,7 +67,7 @@ bool SerialDiscoverer::makeForwarders()
             continue;
         // The others may hold a frame up for a long time.
         const auto place = std::find_if(m_forwarders.begin(), m_forwarders.end(),
-            [&](const auto &each) { return forwarder->isDurable() && !each->isDurable(); });
+            [&](const auto &each) { return forwarder->isPrompt() && !each->isPrompt(); });
         m_forwarders.insert(place, forwarder);
     }
     return true;

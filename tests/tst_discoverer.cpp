@@ -4,6 +4,10 @@
 #include "support/PluggedRadio.h"
 #include "support/TestDatabase.h"
 
+#include <QLocalSocket>
+
+#include <sys/socket.h>
+
 namespace {
 
 /// A discoverer that enumerates what it is told to and scans when it is told to.
@@ -51,6 +55,7 @@ private slots:
     }
     void cleanup();
     void scansForEveryOutput();
+    void outputsThatNeverWaitComeFirst();
     void newPortsAreRegistered();
     void theRowThatDecides();
     void lockedFileIsWaitedFor();
@@ -86,6 +91,33 @@ void TestDiscoverer::scansForEveryOutput()
     m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "NOW"_s, 5000));
     m_discoverer->broadcastCommand(QSharedPointer<DisplayTextCommand>::create(nullptr, "LATER"_s, 5000), 10);
     QTRY_VERIFY_WITH_TIMEOUT(radio.shown.contains("NOW"_s) && radio.shown.contains("LATER"_s), 10000);
+}
+
+void TestDiscoverer::outputsThatNeverWaitComeFirst()
+{
+    const PluggedRadio radio;
+    m_file.addRadio(radio.portName());
+    m_file.addForwarder("FILE"_s, "/dev/full"_s);
+    m_file.addForwarder("STREAM"_s, m_file.file("stream"_s));
+    m_discoverer->initForwarders();
+    QLocalSocket client;
+    client.connectToServer(m_file.file("stream"_s));
+    QTRY_VERIFY(client.canReadLine());
+
+    static QByteArray heard; // by the client, when the file output complains
+    static int descriptor;
+    descriptor = int(client.socketDescriptor());
+    const auto handler =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
+            if (!text.startsWith("Cannot write"_s))
+                return;
+            char bytes[4096];
+            heard.append(bytes, int(qMax<ssize_t>(0, ::recv(descriptor, bytes, sizeof bytes, MSG_DONTWAIT))));
+        });
+    m_discoverer->scan({radio.portName()});
+    const bool hasHeard = QTest::qWaitFor([] { return heard.contains("\"record\":\"frame\""); });
+    qInstallMessageHandler(handler);
+    QVERIFY(hasHeard);
 }
 
 void TestDiscoverer::newPortsAreRegistered()
