@@ -42,7 +42,7 @@ inline HttpServer::Answer refusal(int code, const QByteArray &message = "no")
     return {code, R"({"error":{"code":)" + QByteArray::number(code) + R"(,"message":")" + message + "\"}}"};
 }
 
-inline const PublisherTimes shortTimes{20, 300, 400};
+inline const PublisherTimes shortTimes{20, 300, 1500};
 
 /// An output with a token and publish server of its own, and a radio that speaks to it.
 struct PubSubOutput

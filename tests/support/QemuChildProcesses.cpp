@@ -4,10 +4,18 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+/// Programs of the machine's own, such as a shell, would complain about it. Those under qemu get it from
+/// qemu.
+__attribute__((constructor)) static void keepFromChildren()
+{
+    ::unsetenv("LD_PRELOAD");
+}
 
 extern "C" long syscall(long number, ...) noexcept
 {
