@@ -201,7 +201,7 @@ void TestPubSub::sendsBatchesSideBySide()
     output.delay = 300;
     output.token.code = 200;
     QTRY_COMPARE(output.publishes().size(), 1); // finds out whether the server works
-    QTRY_COMPARE_WITH_TIMEOUT(output.texts(), numbers(1, 1900), 5000);
+    QTRY_COMPARE_WITH_TIMEOUT(output.texts(), numbers(1, 1900), 15000);
     QList<int> sizes;
     for (const HttpServer::Request &request : output.publishes()) {
         sizes.append(messagesOf(request).size());
