@@ -300,7 +300,7 @@ void TestGcp::losesNothingThatWaits()
     output.server.otherAnswer = {401, {}, "Unauthorized", 0, 200};
     LogCapture log;
     say(15, 15);
-    emit output.radio->dataSent(QSharedPointer<RetrieveEsnCommand>::create(nullptr));
+    emit output.radio->dataSent(QSharedPointer<AnalogKillCommand>::create(nullptr, "123"_s));
     say(22, 29);
     QTest::qWait(1800); // what is accepted meanwhile changes nothing
     say(30, 30);
@@ -317,7 +317,7 @@ void TestGcp::losesNothingThatWaits()
     QStringList first = output.published().mid(0, 7);
     first.sort(); // those that are on their way together may overtake each other
     QCOMPARE(first.join(u' '), "m22 m23 m24 m25 m26 m27 m31"_s);
-    QVERIFY(output.published().mid(8).contains("*GET,INFO,ESN"_s));
+    QVERIFY(output.published().mid(8).contains("*SET,5T,TXCODE,123DC"_s)); // asked for its text once
 
     output.server.otherAnswer.code = -1;
     say(32, 39);

@@ -159,6 +159,8 @@ void TestPubSub::mendedRowIsReadAgain()
     output.token = {400, R"({"error":"invalid_grant","error_description":"bad\nkey"})"};
     m_file.run("UPDATE data_forwarder SET target = ? WHERE ids = ?"_s, {output.server.url(), output.id});
     QTRY_COMPARE(log.count("no access token: invalid_grant: bad key"_s), 1);
+    output.token = {200, "{}"};
+    QTRY_COMPARE(log.count("no access token: the answer holds no access token"_s), 1);
     output.token = {200, R"({"access_token":"t0k"})"};
     QTRY_COMPARE(output.texts(), QStringList("one"_s));
 
@@ -265,6 +267,13 @@ void TestPubSub::lateMessagesComeToTheDisk()
     QTRY_COMPARE(output.texts(), QStringList("one"_s));
     QTRY_COMPARE(output.waiting(), "0"_s);
     QCOMPARE(output.stored("SELECT sequence FROM message"_s), QString());
+
+    output.nextAnswers = {{-1}};
+    for (int i = 0; i < 9; ++i) { // more that come in the meantime put nothing off
+        output.say("more");
+        QTest::qWait(100);
+    }
+    QVERIFY2(output.waiting().toInt() > 2, qPrintable(output.waiting()));
 }
 
 void TestPubSub::stopKeepsEverything()
