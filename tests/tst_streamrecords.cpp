@@ -124,7 +124,7 @@ void TestStreamRecords::bytesThatAreNoText()
         bool isText;
     } frames[] = {{QByteArray("a\0\x1b", 3), R"("a\u0000\u001b")", true},
         {"\xef\xbb\xbf!", "\"\xef\xbb\xbf!\"", true}, {"caf\xe9", "\"caf\xef\xbf\xbd\"", false},
-        {"\xc3", "\"\xef\xbf\xbd\"", false}};
+        {"\xff!", "\"\xef\xbf\xbd!\"", false}, {"\xc3", "\"\xef\xbf\xbd\"", false}};
     int count = 1;
     for (const auto &[bytes, text, isText] : frames) {
         radio.hear(bytes);
