@@ -145,7 +145,8 @@ void TestApp::defaultConfigurationAndReboot()
 void TestApp::commandLine()
 {
     const std::tuple<QString, int, QString> cases[] = {{"--version"_s, 0, "Quillon 0.23.0\n"_s},
-        {"--help"_s, 0, "/tmp/ostraForwarder.sqlite)."_s}, {"--fast"_s, 1, "Unknown option 'fast'."_s},
+        {"--help"_s, 0, "/tmp/ostraForwarder.sqlite)."_s}, {"--help"_s, 0, "\nQuillon\n\nOptions:"_s},
+        {"--fast"_s, 1, "Unknown option 'fast'."_s},
         {"-c/missing/x"_s, 255, "Info: Error: connection with database fail\n"_s}};
     for (const auto &[option, code, output] : cases) {
         Daemon daemon;

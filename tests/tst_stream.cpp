@@ -2,6 +2,7 @@
 #include "support/LogCapture.h"
 #include "support/StreamTest.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +14,7 @@ class TestStream : public StreamTest
 
 private slots:
     void clientsComeAndGo();
+    void clientWaitsForADescriptor();
     void aSlowClientIsToldWhatItLost();
     void theSocketFile();
     void occupiedPlaces();
@@ -63,6 +65,24 @@ void TestStream::clientsComeAndGo()
     }
     QVERIFY(last.has(4));
     QCOMPARE(last.last("text"_s), "two"_s);
+}
+
+void TestStream::clientWaitsForADescriptor()
+{
+    const int client = StreamSocket::connectToPath(m_path);
+    const int unused = ::dup(client);
+    QVERIFY(client != -1 && unused != -1 && ::close(unused) == 0);
+    rlimit usual = {};
+    QCOMPARE(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+    const rlimit exhausted = {rlim_t(unused), usual.rlim_max};
+    QCOMPARE(::setrlimit(RLIMIT_NOFILE, &exhausted), 0);
+    LogCapture log;
+    QTest::qWait(300);
+    ::setrlimit(RLIMIT_NOFILE, &usual);
+    QCOMPARE(log.text(), "Cannot let a client of the stream in : \"Too many open files\""_s); // once
+    char byte = 0;
+    QTRY_COMPARE(::recv(client, &byte, 1, MSG_DONTWAIT), 1);
+    ::close(client);
 }
 
 void TestStream::aSlowClientIsToldWhatItLost()
