@@ -2,6 +2,7 @@
 
 import json
 import os
+import queue
 import random
 import select
 import socket
@@ -75,9 +76,21 @@ class Listener(threading.Thread):
                 time.sleep(0.2)
 
     def _read(self, client):
+        """Looking at the records has a thread of its own, or a burst after a stall would make a slow client of this."""
+        parts = queue.SimpleQueue()
+        examiner = threading.Thread(target=self._examine, args=(parts,), daemon=True)
+        examiner.start()
+        try:
+            while data := client.recv(1 << 20):
+                parts.put(data)
+        finally:
+            parts.put(b"")
+            examiner.join()
+
+    def _examine(self, parts):
         records = Records()
         is_new = True
-        while data := client.recv(65536):
+        while data := parts.get():
             for record in records.take(data):
                 if record["record"] in ("frame", "command"):
                     self._take(record["text"].encode())

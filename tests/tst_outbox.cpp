@@ -15,6 +15,7 @@ private slots:
     void damagedOutboxIsMovedAside_data();
     void damagedOutboxIsMovedAside();
     void diskThatFailsKeepsTheYoungest();
+    void stopTriesTheDiskOnceMore();
     void tellsOfStrayOutboxes();
     void limitDropsTheOldest();
 
@@ -111,6 +112,22 @@ void TestOutbox::diskThatFailsKeepsTheYoungest()
     QTRY_COMPARE(output.stored("SELECT dropped FROM state"_s), "5"_s);
     QTRY_COMPARE(output.status(), 3);
     QCOMPARE(log.count("can be used again"_s), 1);
+}
+
+void TestOutbox::stopTriesTheDiskOnceMore()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(QDir().mkdir(output.path()));
+    m_file.run("UPDATE data_forwarder SET status = 3 WHERE ids = ?"_s, {output.id}); // of an earlier run
+    output.token.code = -1;
+    LogCapture log;
+    output.start();
+    QCOMPARE(output.status(), 0);
+    output.say(1, 3);
+    QTRY_COMPARE(log.count("cannot be used"_s), 1); // tried again a second later
+    QVERIFY(QDir().rmdir(output.path()));
+    output.forwarder.reset();
+    QCOMPARE(output.waiting(), "3"_s);
 }
 
 void TestOutbox::tellsOfStrayOutboxes()
