@@ -93,6 +93,13 @@ QString givenValue(const KeyOptions &options)
     return checkedText(value, QStringLiteral("a value"), 300);
 }
 
+/// Whether the daemon looks at the new value only when it starts. A running autokill is switched off at once.
+bool countsAtStart(const KnownKey &key, const QString &value)
+{
+    const bool switchesOff = key.name == AUTOKILL_ENABLED_KEY && value == QLatin1String("false");
+    return key.readAtStart && !switchesOff;
+}
+
 void setKey(const CommandContext &context, const KeyOptions &options)
 {
     const QString name = checkedText(options.key, QStringLiteral("a key"), 64);
@@ -110,7 +117,7 @@ void setKey(const CommandContext &context, const KeyOptions &options)
         file.insertUnlessPresent(table, {{nameColumn, name}, {valueColumn, value}}, nameColumn);
     printLine(QStringLiteral("%1 is set; %2.")
                   .arg(name,
-                      key->readAtStart
+                      countsAtStart(*key, value)
                           ? QStringLiteral("the daemon reads it at its next restart: quillonctl restart")
                           : QStringLiteral("the daemon uses it from now on")));
 }

@@ -228,7 +228,7 @@ void addKindCommand(CLI::App *add, CommandContext &context, const OutputKind &ki
     if (kind.destination == Clients) {
         options->target = StreamTarget::defaultPath.toStdString();
         command->add_option("TARGET", options->target, "Path of a Unix socket, or ADDRESS:PORT")
-            ->capture_default_str();
+            ->default_str(*options->target);
         command->add_flag("--public", options->isPublic, "Let other machines read, too");
     }
     command->add_option("--comment", options->comment, "Free text");
