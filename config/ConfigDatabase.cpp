@@ -290,7 +290,7 @@ void ConfigDatabase::updateForwarderStatus(int id, DataForwarderConfig::Forwarde
     const QString statement = QStringLiteral("UPDATE data_forwarder SET status='") + QString::number(status)
         + QStringLiteral("'") + QStringLiteral(" WHERE ids LIKE '") + QString::number(id)
         + QStringLiteral("'");
-    checkStatement(query.exec(statement),
+    m_lastStatusFailed = !checkStatement(query.exec(statement),
         "void ConfigDatabase::updateForwarderStatus(int, DataForwarderConfig::ForwarderStatus)", query);
 }
 

@@ -73,6 +73,8 @@ public:
     /// The row with this id; logs and returns the default record when there is none.
     DataForwarderConfig getForwarderConfiguration(int id);
     void updateForwarderStatus(int id, DataForwarderConfig::ForwarderStatus status);
+    /// Whether the last such update could not be written.
+    bool lastStatusFailed() const { return m_lastStatusFailed; }
     void resetForwarders();
 
     // System configuration and pending actions
@@ -129,6 +131,7 @@ private:
     QSqlDatabase m_database;
     QString m_path;
     bool m_lastReadFailed = false;
+    bool m_lastStatusFailed = false;
     bool m_releaseCheckPending = true;
     QSqlError m_setupError;
     bool m_setupFailureLogged = false;

@@ -19,6 +19,8 @@ constexpr qint64 longestLifetime = 24LL * 3600; // s
 /// What keeps an output from working as its row stands; empty when nothing does.
 QString problemOf(const DataForwarderConfig &row, const QString &tokenUri, const QByteArray &assertion)
 {
+    if (row.ids < 0)
+        return QStringLiteral("the output's row cannot be read");
     if (assertion.isEmpty())
         return QStringLiteral("the secret holds no credential with an RSA key");
     if (!isTopicId(row.context))
@@ -87,7 +89,7 @@ void AccessToken::finish(QNetworkReply *reply)
     }
     QString reason = errorText(answer);
     if (reason.isEmpty())
-        reason = code == 200 ? QStringLiteral("the answer holds no access token") : reply->errorString();
+        reason = code == 200 ? QStringLiteral("the answer holds no access token") : failureText(reply);
     fail(QStringLiteral("no access token: %1").arg(reason),
         m_clock->retryAfter(reply->rawHeader("Retry-After")));
 }

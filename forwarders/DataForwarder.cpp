@@ -2,7 +2,13 @@
 
 #include "config/ConfigDatabase.h"
 
-DataForwarder::DataForwarder(QObject *parent, int id) : QObject(parent), m_id(id) { }
+static constexpr int statusRetryDelay = 60000; // ms; a locked file holds up everything for 5 s each time
+
+DataForwarder::DataForwarder(QObject *parent, int id) : QObject(parent), m_id(id)
+{
+    m_statusRetry.setSingleShot(true);
+    m_statusRetry.setInterval(statusRetryDelay);
+}
 
 DataForwarderConfig DataForwarder::configuration() const
 {
@@ -12,6 +18,17 @@ DataForwarderConfig DataForwarder::configuration() const
 void DataForwarder::setStatus(int status) const
 {
     ConfigDatabase::getInstance()->updateForwarderStatus(m_id, DataForwarderConfig::ForwarderStatus(status));
+}
+
+void DataForwarder::keepStatus(int status)
+{
+    setStatus(status);
+    m_statusRetry.disconnect();
+    m_statusRetry.stop();
+    if (!ConfigDatabase::getInstance()->lastStatusFailed())
+        return;
+    connect(&m_statusRetry, &QTimer::timeout, this, [this, status] { keepStatus(status); });
+    m_statusRetry.start();
 }
 
 QSharedPointer<RadioAdapterConfig> DataForwarder::senderConfig() const

@@ -8,6 +8,7 @@
 
 #include <QObject>
 #include <QSharedPointer>
+#include <QTimer>
 
 /// One output: takes what the radios hear and what they are sent and passes it on to one destination.
 /// An output never reports a failure to its caller; failures become the status of its row and log lines.
@@ -38,9 +39,13 @@ protected:
     DataForwarderConfig configuration() const;
     /// Writes the status of this output's row, also when it does not change.
     void setStatus(int status) const;
+    /// For an output that writes its status only when it changes: one that cannot be written is written
+    /// later, unless another one follows.
+    void keepStatus(int status);
     /// The row of the radio whose adapter emitted the signal; a default record when there is none.
     QSharedPointer<RadioAdapterConfig> senderConfig() const;
 
 private:
     const int m_id;
+    QTimer m_statusRetry{this};
 };

@@ -89,26 +89,24 @@ const char *const Outbox::schema[] = {
 Outbox::~Outbox()
 {
     if (m_connection && !hasMoved() && m_next < m_reserved)
-        attempt([this] { reserve(m_next); });
+        attempt(WritesAgain, [this] { reserve(m_next); });
 }
 
 /// Runs an action on the open file; false when that fails. One on a damaged file is tried on a new one.
 template <typename Action>
-bool Outbox::attempt(Action action)
+bool Outbox::attempt(Proof proof, Action action)
 {
     for (int tries = 0; tries < 2; ++tries) {
         try {
             ensureOpen();
             action();
         } catch (const SqliteError &error) {
-            handleFailure(error);
+            handleFailure(proof, error);
             if (isDamage(error))
                 continue;
             return false;
         }
-        if (!works())
-            qInfo() << "The outbox" << m_path << "can be used again";
-        m_failure.clear();
+        handleSuccess(proof);
         return true;
     }
     return false;
@@ -197,13 +195,13 @@ void Outbox::readState()
 qint64 Outbox::lastStored()
 {
     if (!m_connection)
-        attempt([] {});
+        attempt(ReadsAgain, [] {});
     return m_lastStored;
 }
 
 qint64 Outbox::nextSequence()
 {
-    if (!hasNumbers() && !attempt([this] {
+    if (!hasNumbers() && !attempt(WritesAgain, [this] {
             if (m_next >= m_reserved)
                 reserve(m_next + reservedAtOnce);
         }))
@@ -220,9 +218,22 @@ void Outbox::reserve(qint64 reserved)
 std::optional<int> Outbox::apply(const OutboxChange &change)
 {
     int dropped = 0;
-    if (!attempt([&] { applyInTransaction(change, &dropped); }))
+    if (!attempt(WritesAgain, [&] { applyInTransaction(change, &dropped); }))
         return {};
     return dropped;
+}
+
+bool Outbox::remove(const QVector<SequenceRange> &ranges)
+{
+    OutboxChange removals;
+    removals.removed = ranges;
+    int dropped = 0;
+    return attempt(ReadsAgain, [&] { applyInTransaction(removals, &dropped); });
+}
+
+bool Outbox::probe()
+{
+    return attempt(WritesAgain, [this] { reserve(m_reserved + 1); });
 }
 
 void Outbox::applyInTransaction(const OutboxChange &change, int *dropped)
@@ -309,13 +320,23 @@ std::optional<QVector<OutboxMessage>> Outbox::read(SequenceRange range, int coun
                 return;
         }
     };
-    if (!attempt(readRows))
+    if (!attempt(ReadsAgain, readRows))
         return {};
     return result;
 }
 
-void Outbox::handleFailure(const SqliteError &error)
+void Outbox::handleSuccess(Proof proof)
 {
+    if (works() || (m_writeFailed && proof == ReadsAgain))
+        return;
+    qInfo() << "The outbox" << m_path << "can be used again";
+    m_failure.clear();
+    m_writeFailed = false;
+}
+
+void Outbox::handleFailure(Proof missing, const SqliteError &error)
+{
+    m_writeFailed = m_writeFailed || missing == WritesAgain;
     const bool isNew = error.text != m_failure;
     if (isNew)
         qInfo() << "The outbox" << m_path << "cannot be used :" << error.text;

@@ -67,11 +67,15 @@ public:
     /// Carries out a change as a whole or not at all; then the oldest messages go until the file keeps its
     /// limit. Returns how many those are, or nothing when the file cannot be written.
     std::optional<int> apply(const OutboxChange &change);
+    /// Takes messages away, which may make the room that others need. Tells nothing about whether it works.
+    bool remove(const QVector<SequenceRange> &ranges);
+    /// Finds out whether the file can be written again.
+    bool probe();
     /// Up to `count` messages of a range in their order, up to `bytes` of a publish request, but at least one
     /// where there is one. Nothing when the file cannot be read.
     std::optional<QVector<OutboxMessage>> read(SequenceRange range, int count, int bytes);
 
-    /// Whether the last access succeeded.
+    /// Whether the last access succeeded; after a write that failed, whether one has succeeded since.
     bool works() const { return m_failure.isEmpty(); }
     /// How many bytes the file may hold.
     void setLimit(qint64 bytes) { m_limit = bytes; }
@@ -81,8 +85,14 @@ public:
     static const char *const schema[];
 
 private:
+    /// What the success of an action tells.
+    enum Proof {
+        ReadsAgain,
+        WritesAgain,
+    };
+
     template <typename Action>
-    bool attempt(Action action);
+    bool attempt(Proof proof, Action action);
     bool hasMoved() const;
     void ensureOpen();
     void open();
@@ -94,7 +104,8 @@ private:
     void keepRefused(const QVector<RefusedMessage> &refused);
     int dropOldest();
     qint64 usedBytes() const;
-    void handleFailure(const SqliteError &error);
+    void handleFailure(Proof missing, const SqliteError &error);
+    void handleSuccess(Proof proof);
     void moveAside(bool isNew);
 
     const QString m_path;
@@ -105,4 +116,5 @@ private:
     qint64 m_lastStored = 0;
     qint64 m_limit = 256LL * 1024 * 1024;
     QString m_failure; // the last one, empty when the file works
+    bool m_writeFailed = false; // and none has succeeded since
 };

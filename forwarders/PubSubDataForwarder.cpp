@@ -10,6 +10,7 @@ namespace {
 constexpr qint64 usualLimit = 256; // MiB
 constexpr qint64 greatestLimit = 1024LL * 1024; // MiB
 constexpr qint64 settingsLifetime = 1000; // ms
+constexpr qint64 settingsRest = 60000; // ms, after the file could not be read
 
 } // namespace
 
@@ -61,16 +62,19 @@ void PubSubDataForwarder::add(const CloudMessage &message)
 /// old ones hold.
 void PubSubDataForwarder::refreshSettings()
 {
-    if (m_settingsAge.isValid() && !m_settingsAge.hasExpired(settingsLifetime))
+    if (m_settingsAge.isValid() && !m_settingsAge.hasExpired(m_settingsLifetime))
         return;
     const auto refresh = [](const QString &key, QString *value) {
         const QString read = ConfigDatabase::getInstance()->getSystemConfigurationValue(key);
-        if (!ConfigDatabase::getInstance()->lastReadFailed())
+        const bool wasRead = !ConfigDatabase::getInstance()->lastReadFailed();
+        if (wasRead)
             *value = read;
+        return wasRead;
     };
-    refresh(OWNER_EMAIL_KEY, &m_owner.email);
-    refresh(OWNER_DEPT_KEY, &m_owner.department);
-    refresh(OUTBOX_LIMIT_KEY, &m_limit);
+    // A file that is locked is waited for once.
+    const bool wereRead = refresh(OWNER_EMAIL_KEY, &m_owner.email)
+        && refresh(OWNER_DEPT_KEY, &m_owner.department) && refresh(OUTBOX_LIMIT_KEY, &m_limit);
+    m_settingsLifetime = wereRead ? settingsLifetime : settingsRest;
     const qint64 limit = m_limit.toLongLong(); // 0 when it is no number
     m_queue.setLimit((limit > 0 && limit <= greatestLimit ? limit : usualLimit) * 1024 * 1024);
     m_settingsAge.start();
@@ -109,5 +113,5 @@ void PubSubDataForwarder::showStatus(DataForwarderConfig::ForwarderStatus status
     if (status == m_status)
         return;
     m_status = status;
-    setStatus(status);
+    keepStatus(status);
 }

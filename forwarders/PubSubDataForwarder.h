@@ -34,6 +34,7 @@ private:
     CloudOwner m_owner{UNDEFINED_VALUE, UNDEFINED_VALUE};
     QString m_limit; // as the key says it
     QElapsedTimer m_settingsAge;
+    qint64 m_settingsLifetime = 0; // ms
     QTimer m_sendTimer;
     QTimer m_writeTimer;
     bool m_accepted = false; // the last request

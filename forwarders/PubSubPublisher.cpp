@@ -12,7 +12,7 @@ namespace {
 
 constexpr int mostUnderWay = 4; // requests
 constexpr int slowestLine = 8; // bytes in a ms
-constexpr int smallestBatch = 16 * 1024; // bytes
+constexpr int smallestBatch = 1024; // bytes
 
 } // namespace
 
@@ -122,7 +122,7 @@ void PubSubPublisher::finish(
     const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     const bool isComplete = reply->error() != QNetworkReply::OperationCanceledError;
     const QString phrase = code == 0 || !isComplete
-        ? reply->errorString()
+        ? failureText(reply)
         : reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
     const PublishAnswer answer = publishAnswer(isComplete ? code : 0, phrase, answerOf(reply), messageCount);
     const qint64 retryAfter = m_clock.retryAfter(reply->rawHeader("Retry-After"));
@@ -198,6 +198,7 @@ void PubSubPublisher::narrow(const Batch &batch, int messageCount, const QString
         m_queue->refuse({messages->first(), reason});
         if (++m_refused
             >= Outbox::keptRefused) { // it is hardly the messages: from here on they would be lost
+            m_token.drop(); // the row may be wrong, and have been mended
             m_backoff.rest(m_times.forbiddenRest);
             rest(reason);
         }

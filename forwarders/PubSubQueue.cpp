@@ -137,6 +137,8 @@ int PubSubQueue::nextWrite() const
         due = m_fresh.size() < mostInMemory ? m_fresh.first().heard + writeAge() : 0;
     if (!m_change.isEmpty())
         due = qMin(due, m_changed + removalDelay);
+    if (!diskWorks())
+        due = 0;
     if (due == lastSequence)
         return -1;
     return int(qMax<qint64>(0, qMax(due, m_retryAt) - m_clock.elapsed()));
@@ -179,13 +181,13 @@ int PubSubQueue::writable(qint64 heardUntil) const
 bool PubSubQueue::commit(int count)
 {
     const qint64 start = m_clock.elapsed();
-    OutboxChange removals;
-    removals.removed = m_change.removed;
-    if (!diskWorks() && !removals.isEmpty() && m_outbox.apply(removals))
+    if (!diskWorks() && !m_change.removed.isEmpty() && m_outbox.remove(m_change.removed))
         m_change.removed.clear(); // this by itself may make the room that the rest needs
     for (int i = 0; i < count; ++i)
         m_change.added.append(m_fresh.at(i).message);
-    const auto dropped = m_change.isEmpty() ? std::make_optional(0) : m_outbox.apply(m_change);
+    if (m_change.isEmpty())
+        return diskWorks() || m_outbox.probe();
+    const auto dropped = m_outbox.apply(m_change);
     m_change.added.clear();
     if (!dropped)
         return false;

@@ -28,7 +28,7 @@ void StreamDataForwarder::listen()
     const QString problem = m_server.listen(m_target, m_port);
     if (problem.isEmpty()) {
         qInfo() << "Stream listens on" << m_target;
-        setStatus(DataForwarderConfig::Working);
+        keepStatus(DataForwarderConfig::Working);
         return;
     }
     m_retry.start();
@@ -36,7 +36,7 @@ void StreamDataForwarder::listen()
         return;
     m_problem = problem;
     qInfo() << "Stream cannot listen on" << m_target << ":" << problem;
-    setStatus(DataForwarderConfig::Failed);
+    keepStatus(DataForwarderConfig::Failed);
 }
 
 QByteArray StreamDataForwarder::greeting() const

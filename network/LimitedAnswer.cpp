@@ -12,3 +12,10 @@ void limitAnswer(QNetworkReply *reply)
             reply->abort();
     });
 }
+
+QString failureText(const QNetworkReply *reply)
+{
+    if (reply->error() != QNetworkReply::OperationCanceledError)
+        return reply->errorString();
+    return QStringLiteral("no whole answer in time, or a longer one than 1 MiB");
+}

@@ -15,6 +15,7 @@ private slots:
     void damagedOutboxIsMovedAside_data();
     void damagedOutboxIsMovedAside();
     void diskThatFailsKeepsTheYoungest();
+    void diskThatOnlyReads();
     void stopTriesTheDiskOnceMore();
     void tellsOfStrayOutboxes();
     void limitDropsTheOldest();
@@ -112,6 +113,41 @@ void TestOutbox::diskThatFailsKeepsTheYoungest()
     QTRY_COMPARE(output.stored("SELECT dropped FROM state"_s), "5"_s);
     QTRY_COMPARE(output.status(), 3);
     QCOMPARE(log.count("can be used again"_s), 1);
+}
+
+/// What can be read and not be written does not work; that it does again is found out by itself.
+void TestOutbox::diskThatOnlyReads()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(output.startWithToken());
+    output.say(1, 1);
+    QTRY_COMPARE(output.status(), 3);
+    SqliteConnection other(output.path(), SQLITE_OPEN_READWRITE, 1000);
+    other.run("BEGIN IMMEDIATE");
+    LogCapture log;
+    output.delay = 800;
+    output.say(2, 2); // its commit fails, and it is accepted then
+    QTRY_COMPARE(output.status(), 4);
+    QTRY_COMPARE(output.texts(), numbers(1, 2));
+    QTest::qWait(300);
+    QCOMPARE(output.status(), 4);
+    other.run("ROLLBACK");
+    QTRY_COMPARE(output.status(), 3);
+
+    output.delay = 0;
+    for (int i = 0; i < 9; ++i)
+        output.nextAnswers.append({503});
+    output.say(3, 9);
+    QTRY_COMPARE(output.waiting(), "7"_s);
+    other.run("BEGIN IMMEDIATE");
+    output.say(10, 10);
+    QTRY_COMPARE(output.texts().size(), 10); // after several reads
+    QCOMPARE(output.status(), 4);
+    QCOMPARE(log.count("can be used again"_s), 1);
+    QCOMPARE(log.count("cannot be used"_s), 2);
+    other.run("ROLLBACK");
+    QTRY_COMPARE(output.status(), 3);
+    QCOMPARE(output.waiting(), "0"_s);
 }
 
 void TestOutbox::stopTriesTheDiskOnceMore()
