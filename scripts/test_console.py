@@ -200,6 +200,9 @@ def try_live(gateway, page):
     wait("a search", lambda: len(page.records()) == 1 and "2222" in page.records()[0])
     page.find("#filter-text").clear()
     page.find("#filter-text").send_keys(" ")
+    page.find("#log-out").click()
+    page.log_in()
+    wait("logged in again, the list is there", lambda: any("1111" in row for row in page.records()))
 
 
 def try_actions(gateway, page):
@@ -214,8 +217,7 @@ def try_actions(gateway, page):
     page.card("Base").find_elements(By.TAG_NAME, "button")[0].send_keys(Keys.ENTER)  # by keyboard
     field = page.find("#dialog-input")
     field.clear()
-    field.send_keys("Basis")
-    page.find("#dialog-do").click()
+    field.send_keys("Basis", Keys.ENTER)
     wait("the daemon is told to restart", lambda: "restart" in page.card("Basis").text.lower())
     gateway.daemon.wait(20)
     wait("a daemon that is gone is missed", lambda: page.find("#top").get_attribute("data-level") == "error")

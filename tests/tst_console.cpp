@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 class TestConsole : public ConsoleTest
 {
@@ -16,6 +17,7 @@ private slots:
     void slowClientsCostNobodyElse();
     void outlivesAShortageOfDescriptors();
     void stateHasWhatQuillonctlShows();
+    void stateWaitsForNoServer();
 };
 
 void TestConsole::answers_data()
@@ -178,6 +180,27 @@ void TestConsole::stateHasWhatQuillonctlShows()
     QVERIFY(own.value("problem"_s).toString().contains("STREAM"_s));
     QCOMPARE(findings, QJsonDocument::fromJson(control("check --json"_s)).array());
     QVERIFY(findings.isEmpty() || findings.at(0).toObject().keys() == own.keys());
+}
+
+void TestConsole::stateWaitsForNoServer()
+{
+    QTcpServer server; // with a full backlog: who connects gets no answer
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    server.pauseAccepting();
+    QCOMPARE(::listen(int(server.socketDescriptor()), 0), 0);
+    const ConsoleClient filler(server.serverPort());
+    for (int i = 0; i < 3; ++i)
+        m_file->addForwarder("RAW"_s, "127.0.0.1"_s, server.serverPort());
+    start();
+    ConsoleClient follower(m_port);
+    follower.send(get("/api/events"));
+    QElapsedTimer clock;
+    clock.start();
+    const QJsonObject state = bodyOf(ask(get("/api/state")));
+    QVERIFY2(clock.elapsed() < 4000, qPrintable(QString::number(clock.elapsed())));
+    QCOMPARE(state.value("checked"_s).toString(), QString());
+    QCOMPARE(state.value("outputs"_s).toArray().size(), 4);
+    QVERIFY(follower.waitFor("cannot be reached", 10000));
 }
 
 QTEST_GUILESS_MAIN(TestConsole)

@@ -27,6 +27,8 @@ public:
     /// True when it did.
     bool followPassword();
     bool hasPassword() const { return m_passwordStamp.isValid(); }
+    /// Another one after each change of the password; invalid without one.
+    QDateTime passwordStamp() const { return m_passwordStamp; }
     bool mayLook(const QByteArray &sessionId) const;
     bool mayChange(const Request &request) const;
 

@@ -1,5 +1,7 @@
 #include "tools/console/Box.h"
 
+#include <QFileInfo>
+
 namespace {
 
 const int lookMs = 1000;
@@ -7,6 +9,7 @@ const int lookMs = 1000;
 const int settleMs = 150;
 /// What changes without the file: devices, servers, what waits in an outbox.
 const int checkMs = 30 * 1000;
+const int recentSeconds = 60;
 
 } // namespace
 
@@ -52,7 +55,8 @@ void Box::readSoon()
 
 void Box::look()
 {
-    if (m_file.stamp() != m_stamp)
+    const bool unread = m_watched && !m_snapshot.error.isEmpty();
+    if (unread || m_file.stamp() != m_stamp)
         readFile();
     else if (!m_watched && m_stream.isJoined())
         m_lookTimer.stop();
@@ -90,8 +94,16 @@ void Box::check()
         QMetaObject::invokeMethod(this, [this, findings, snapshot] {
             m_checking = false;
             take(snapshot, findings);
+            emit checked();
         });
     });
+}
+
+bool Box::isChecked() const
+{
+    const QDateTime checked = m_file.findings().checked;
+    const qint64 age = checked.secsTo(QDateTime::currentDateTimeUtc());
+    return checked.isValid() && age >= 0 && age < recentSeconds;
 }
 
 void Box::take(const FileState::Snapshot &file, const FileState::Findings &findings)
@@ -129,6 +141,7 @@ QJsonObject Box::state(const FileState::Snapshot &file, const FileState::Finding
         {QStringLiteral("outputs"), file.outputs},
         {QStringLiteral("pending"), file.pending},
         {QStringLiteral("findings"), allFindings(file, findings)},
+        {QStringLiteral("now"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
         {QStringLiteral("checked"), findings.checked.toString(Qt::ISODateWithMs)},
         {QStringLiteral("activity"), m_history.activity(QDateTime::currentDateTimeUtc())},
         {QStringLiteral("sequence"), m_history.last()},
@@ -141,7 +154,9 @@ QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Fi
     QJsonArray result;
     if (!file.error.isEmpty())
         result.append(errorFinding(QStringLiteral("configuration"), file.error,
-            QStringLiteral("start the daemon once, or name the right file with --configfile")));
+            QFileInfo::exists(m_file.configFile())
+                ? QStringLiteral("quillonctl check tells more")
+                : QStringLiteral("start the daemon once, or name the right file with --configfile")));
     else if (!file.stream)
         result.append(errorFinding(QStringLiteral("console"),
             QStringLiteral("no STREAM output is switched on, so nothing can be shown of what is heard"),

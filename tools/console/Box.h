@@ -22,6 +22,11 @@ public:
     /// Reads the file again, in a moment: somebody has changed it, or should have.
     void readSoon();
 
+    /// Looks for what is wrong, unless a check is under way; checked() tells its end.
+    void check();
+    /// Whether the last check is recent.
+    bool isChecked() const;
+
     const History &history() const { return m_history; }
     FileState &file() { return m_file; }
     /// All that GET /api/state shows but the session.
@@ -30,11 +35,11 @@ public:
 signals:
     void stateChanged(const QJsonObject &state);
     void recorded();
+    void checked();
 
 private:
     void look();
     void readFile();
-    void check();
     void take(const FileState::Snapshot &file, const FileState::Findings &findings);
     void receive(const QByteArray &line, const QJsonObject &record);
     QJsonArray allFindings(const FileState::Snapshot &file, const FileState::Findings &findings) const;

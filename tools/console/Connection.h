@@ -21,8 +21,6 @@ public:
     void answer(const Reply &reply);
     /// Hands the socket on, so that it stays open; the connection is done then.
     QTcpSocket *release();
-    /// Whether the request is still on its way.
-    bool isReading() const { return m_reader != nullptr; }
 
 signals:
     /// The request has arrived; somebody answers it, now or later.

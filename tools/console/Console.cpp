@@ -15,7 +15,7 @@
 namespace {
 
 const int threads = 3;
-const int findingsAgeSeconds = 60;
+const int checkPatienceMs = 2000;
 const int maximumHashing = 2; ///< each takes 16 MiB meanwhile
 
 const QString statePath = QStringLiteral("/api/state");
@@ -145,19 +145,33 @@ QJsonObject Console::session(const Request &request) const
     return result;
 }
 
+/// Waits a moment for a check when the last one is old; who follows the events gets its outcome whenever it
+/// comes. Without an uplink a check takes long.
 void Console::sendState(Connection *connection, const Request &request)
 {
-    const QPointer<Connection> waiting(connection);
     const QJsonObject sessionRow = session(request);
+    if (m_box.isChecked()) {
+        readState(connection, sessionRow);
+        return;
+    }
+    auto *patience = new QTimer(connection);
+    patience->setSingleShot(true);
+    connect(patience, &QTimer::timeout, this, [this, connection, sessionRow, patience] {
+        patience->deleteLater();
+        readState(connection, sessionRow);
+    });
+    connect(&m_box, &Box::checked, patience, [patience] { patience->start(0); });
+    patience->start(checkPatienceMs);
+    m_box.check();
+}
+
+void Console::readState(Connection *connection, const QJsonObject &sessionRow)
+{
+    const QPointer<Connection> waiting(connection);
     m_pool.start([this, waiting, sessionRow] {
-        FileState &file = m_box.file();
-        const FileState::Snapshot snapshot = file.read();
-        const FileState::Findings known = file.findings();
-        const qint64 age = known.checked.secsTo(QDateTime::currentDateTimeUtc());
-        const bool fresh = known.checked.isValid() && age >= 0 && age < findingsAgeSeconds;
-        const FileState::Findings findings = fresh ? known : file.check();
-        QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot, findings] {
-            QJsonObject state = m_box.state(snapshot, findings);
+        const FileState::Snapshot snapshot = m_box.file().read();
+        QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot] {
+            QJsonObject state = m_box.state(snapshot, m_box.file().findings());
             state.insert(QStringLiteral("session"), sessionRow);
             if (waiting)
                 waiting->answer(Reply::json(state));
@@ -209,12 +223,16 @@ void Console::logIn(Connection *connection, const Request &request)
     }
     ++m_hashing;
     const QPointer<Connection> waiting(connection);
-    m_pool.start([this, waiting, request, given = password.toString().toUtf8()] {
+    const QDateTime stamp = m_access.passwordStamp();
+    m_pool.start([this, waiting, request, stamp, given = password.toString().toUtf8()] {
         const bool matched = m_access.passwordFile().matches(given);
         OPENSSL_thread_stop(); // at the process's end the thread may not get to it
-        QMetaObject::invokeMethod(this, [this, waiting, request, matched] {
+        QMetaObject::invokeMethod(this, [this, waiting, request, stamp, matched] {
             --m_hashing;
-            handleLogin(waiting, request, matched);
+            if (m_access.followPassword())
+                m_hub.dropEnded();
+            // The password may have been changed meanwhile.
+            handleLogin(waiting, request, matched && stamp == m_access.passwordStamp());
         });
     });
 }

@@ -21,6 +21,7 @@ public:
 private:
     void handleApi(Connection *connection, const Request &request);
     void sendState(Connection *connection, const Request &request);
+    void readState(Connection *connection, const QJsonObject &sessionRow);
     void sendEvents(Connection *connection, const Request &request);
     void logIn(Connection *connection, const Request &request);
     void handleLogin(Connection *connection, const Request &request, bool matched);

@@ -41,10 +41,6 @@ FileState::Findings FileState::findings() const
 
 FileState::Findings FileState::check()
 {
-    if (!m_checking.tryLock()) {
-        const QMutexLocker wait(&m_checking);
-        return findings();
-    }
     Findings result;
     try {
         const ConfigFile file(m_configFile, ConfigFile::ReadOnly, lockPatienceMs);
@@ -53,11 +49,8 @@ FileState::Findings FileState::check()
         // read() tells that the file cannot be read
     }
     result.checked = QDateTime::currentDateTimeUtc();
-    {
-        const QMutexLocker lock(&m_mutex);
-        m_findings = result;
-    }
-    m_checking.unlock();
+    const QMutexLocker lock(&m_mutex);
+    m_findings = result;
     return result;
 }
 

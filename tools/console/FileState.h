@@ -33,8 +33,7 @@ public:
     Snapshot read() const;
     /// What the last check has found.
     Findings findings() const;
-    /// Checks now, which takes up to two seconds for each server that does not answer. One check at a time:
-    /// who comes meanwhile gets its outcome.
+    /// Checks now, which takes some seconds for each server that does not answer.
     Findings check();
 
     /// Something that is another one after each change of the file.
@@ -43,7 +42,6 @@ public:
 
 private:
     const QString m_configFile;
-    QMutex m_checking;
     mutable QMutex m_mutex;
     Findings m_findings;
 };

@@ -8,6 +8,9 @@
 #include <QTimer>
 
 #include <algorithm>
+#include <memory>
+#include <openssl/err.h>
+#include <openssl/pem.h>
 
 namespace {
 
@@ -33,6 +36,25 @@ QSslKey readKey(const QString &path)
     throw CommandError(QStringLiteral("%1 holds no private key without a passphrase").arg(path));
 }
 
+/// Qt would take any key, and refuse every client.
+bool belongTogether(const QSslCertificate &certificate, const QSslKey &key)
+{
+    const auto bioOf = [](const QByteArray &pem) {
+        return std::unique_ptr<BIO, decltype(&BIO_free)>(
+            BIO_new_mem_buf(pem.constData(), pem.size()), BIO_free);
+    };
+    const QByteArray certificatePem = certificate.toPem();
+    const QByteArray keyPem = key.toPem();
+    const std::unique_ptr<X509, decltype(&X509_free)> parsedCertificate(
+        PEM_read_bio_X509(bioOf(certificatePem).get(), nullptr, nullptr, nullptr), X509_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> parsedKey(
+        PEM_read_bio_PrivateKey(bioOf(keyPem).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
+    const bool matches = parsedCertificate && parsedKey
+        && X509_check_private_key(parsedCertificate.get(), parsedKey.get()) == 1;
+    ERR_clear_error(); // the queue is shared with the TLS of this thread
+    return matches;
+}
+
 } // namespace
 
 Server::Server(QObject *parent) : QTcpServer(parent)
@@ -49,8 +71,12 @@ void Server::useCertificate(const QString &certificateFile, const QString &keyFi
     if (chain.isEmpty())
         throw CommandError(QStringLiteral("%1 holds no certificate").arg(certificateFile));
     QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    const QSslKey key = readKey(keyFile);
+    if (!belongTogether(chain.first(), key))
+        throw CommandError(QStringLiteral("the key in %1 is not that of the certificate in %2")
+                               .arg(keyFile, certificateFile));
     configuration.setLocalCertificateChain(chain);
-    configuration.setPrivateKey(readKey(keyFile));
+    configuration.setPrivateKey(key);
     configuration.setPeerVerifyMode(QSslSocket::VerifyNone);
     configuration.setProtocol(QSsl::TlsV1_2OrLater);
     m_tls = configuration;
@@ -58,7 +84,8 @@ void Server::useCertificate(const QString &certificateFile, const QString &keyFi
 
 void Server::incomingConnection(qintptr descriptor)
 {
-    makeRoom();
+    if (m_connections.size() >= maximumConnections)
+        delete m_connections.front();
     QTcpSocket *socket = m_tls ? new QSslSocket(this) : new QTcpSocket(this);
     socket->setSocketDescriptor(descriptor);
     auto *connection = new Connection(socket, this);
@@ -74,13 +101,4 @@ void Server::incomingConnection(qintptr descriptor)
         tls->setSslConfiguration(*m_tls);
         tls->startServerEncryption();
     }
-}
-
-void Server::makeRoom()
-{
-    if (m_connections.size() < maximumConnections)
-        return;
-    const auto slowest = std::find_if(m_connections.begin(), m_connections.end(),
-        [](const Connection *connection) { return connection->isReading(); });
-    delete (slowest == m_connections.end() ? m_connections.front() : *slowest);
 }

@@ -8,8 +8,8 @@
 #include <deque>
 #include <optional>
 
-/// Accepts connections, each for one request. Of more than 128 at a time the one that has taken longest to
-/// send its request gives way, so that slow clients do not keep others out.
+/// Accepts connections, each for one request. Of more than 128 at a time the oldest gives way, so that slow
+/// clients do not keep others out.
 class Server : public QTcpServer
 {
     Q_OBJECT
@@ -18,7 +18,7 @@ public:
     explicit Server(QObject *parent = nullptr);
 
     /// Speaks TLS from now on; throws CommandError when certificate (PEM, with its chain) or key cannot be
-    /// used.
+    /// used, or do not belong together.
     void useCertificate(const QString &certificateFile, const QString &keyFile);
 
 signals:
@@ -28,8 +28,6 @@ protected:
     void incomingConnection(qintptr descriptor) override;
 
 private:
-    void makeRoom();
-
     std::optional<QSslConfiguration> m_tls;
     std::deque<Connection *> m_connections; ///< the oldest first
 };

@@ -35,6 +35,9 @@ int runProgram(const char *name, int argc, char *argv[], int (*run)(int argc, ch
 {
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("UTF-8")); // names of files, in any locale
     qInstallMessageHandler(handleMessage);
+    // A resolver that is out of reach would hold up a check for 10 s and more a name.
+    if (!qEnvironmentVariableIsSet("RES_OPTIONS"))
+        qputenv("RES_OPTIONS", "timeout:2 attempts:1");
     int ownArgument = 1; // the others are not Qt's to look at
     const QCoreApplication application(ownArgument, argv);
     QCoreApplication::setApplicationName(QString::fromLatin1(name));

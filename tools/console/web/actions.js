@@ -43,6 +43,9 @@ byId("say-text").addEventListener("input", preview);
 byId("say").addEventListener("submit", async event => {
   event.preventDefault();
   const told = event.target.querySelector(".outcome");
+  const button = event.target.querySelector("button");
+  if (button.disabled) return; // a second tap, or Enter
+  button.disabled = true;
   try {
     const answer = await post("/api/say", { text: byId("say-text").value });
     outcome(told, "good", text("saidDone", { text: visible(answer.displayed) }));
@@ -51,6 +54,7 @@ byId("say").addEventListener("submit", async event => {
   } catch (error) {
     outcome(told, "error", phrase(error.message));
   }
+  button.disabled = false;
 });
 
 byId("restart").addEventListener("click", async () => {
@@ -73,6 +77,8 @@ export function showActions(state, session) {
   const waiting = state.pending.map(action => visible(action.command));
   setText(byId("pending"), waiting.length === 0 ? "" : text("pending", { actions: waiting.join(text("listComma")) }));
 }
+
+byId("dialog-cancel").addEventListener("click", () => byId("dialog").close());
 
 /** Says what will happen and asks; yields null, or the field's value and whether to restart as well. */
 export function ask({ title, text: what, button, field = "", value = "", restart = false }) {

@@ -1,6 +1,6 @@
 // The way to the console: its state, what is live, and what it is asked to do.
 
-const stateTimeoutMs = 20000;
+const answerTimeoutMs = 20000;
 const silenceMs = 40000; // the console says that it is alive every 15 s
 
 let token = "";
@@ -16,6 +16,27 @@ export class Refused extends Error {
   }
 }
 
+/** No answer came. */
+export class Away extends Error {
+  constructor() {
+    super("the console cannot be reached");
+  }
+}
+
+/** Fetches, for so long at the most; AbortSignal.timeout() is too young for many a phone. */
+async function fetchInTime(path, options = {}) {
+  const given = new AbortController();
+  const patience = setTimeout(() => given.abort(), answerTimeoutMs);
+  try {
+    return await answerOf(await fetch(path, { ...options, signal: given.signal }));
+  } catch (error) {
+    if (error instanceof Refused) throw error;
+    throw new Away();
+  } finally {
+    clearTimeout(patience);
+  }
+}
+
 async function answerOf(response) {
   const answer = await response.json().catch(() => ({}));
   if (!response.ok) throw new Refused(response.status, answer);
@@ -23,20 +44,22 @@ async function answerOf(response) {
 }
 
 export async function getState() {
-  const state = await answerOf(await fetch("/api/state", { signal: AbortSignal.timeout(stateTimeoutMs) }));
+  const state = await fetchInTime("/api/state");
   token = state.session.token ?? "";
   return state;
 }
 
 export async function post(path, body = {}) {
   const headers = { "Content-Type": "application/json", "X-Session-Token": token };
-  return answerOf(await fetch(path, { method: "POST", headers, body: JSON.stringify(body) }));
+  return fetchInTime(path, { method: "POST", headers, body: JSON.stringify(body) });
 }
 
 /** Whether the console lets nobody else follow what is live; an EventSource does not tell why it was refused. */
 async function isFull(url) {
   const asked = new AbortController();
+  const patience = setTimeout(() => asked.abort(), answerTimeoutMs);
   const response = await fetch(url, { signal: asked.signal }).catch(() => null);
+  clearTimeout(patience);
   asked.abort();
   return response?.status === 503;
 }
@@ -88,4 +111,10 @@ export function stop() {
   clearTimeout(silence);
   source?.close();
   source = null;
+}
+
+/** What follows begins anew, with all that the console still has. */
+export function forget() {
+  stop();
+  lastId = "";
 }

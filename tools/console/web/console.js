@@ -1,6 +1,6 @@
 // Puts the page together: asks for the state, follows what is live, and joins again when the console was lost.
 
-import { follow, getState, post, Refused, stop } from "./box.js";
+import { Away, follow, forget, getState, post, Refused, stop } from "./box.js";
 import { byId, outcome, setText } from "./dom.js";
 import { showActions } from "./actions.js";
 import { addMissed, addRecord, clearRecords, showRadioNames } from "./live.js";
@@ -65,8 +65,7 @@ async function start() {
       stop();
       askForPassword(true);
     } else {
-      const away = error instanceof Refused || error instanceof TypeError || error.name === "TimeoutError";
-      if (!away) console.error(error);
+      if (!(error instanceof Refused || error instanceof Away)) console.error(error);
       handlers.lost();
     }
   }
@@ -81,13 +80,13 @@ byId("login").addEventListener("submit", async event => {
     outcome(told, "good", "");
     await start();
   } catch (error) {
-    const wait = error.retryAfter && text("loginWait", { seconds: error.retryAfter });
-    outcome(told, "error", wait || text(error.status === 401 ? "loginWrong" : "loginFailed"));
+    const reasons = { 401: "loginWrong", 429: "loginWait" };
+    outcome(told, "error", text(reasons[error.status] ?? "loginFailed", { seconds: error.retryAfter }));
   }
 });
 
 byId("log-out").addEventListener("click", async () => {
-  stop();
+  forget();
   await post("/api/logout").catch(() => {});
   clearRecords();
   start();

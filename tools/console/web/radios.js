@@ -9,7 +9,7 @@ import { ago, phrase, text, word } from "./texts.js";
 const minutes = 60;
 const cards = new Map(); // by the radio's id
 let counted = 0; // the number of the newest frame that the charts show
-let now = { radios: [], session: {} };
+let ahead = 0; // ms that the gateway's clock is before the phone's
 
 const stateNames = ["searching", "identified", "stopped"];
 const levels = ["warning", "good", "error"];
@@ -74,6 +74,7 @@ function shift(card) {
   for (const to = currentMinute(); card.minute < to; ++card.minute) {
     card.counts.shift();
     card.counts.push(0);
+    card.changed = true;
   }
 }
 
@@ -100,10 +101,11 @@ function fill(card, radio, activity, state, session) {
   setHeard(card, activity.lastHeard);
   card.counts.splice(0, minutes, ...activity.perMinute);
   card.minute = currentMinute();
+  card.changed = true;
 }
 
 export function showRadios(state, session) {
-  now = { radios: state.radios, session };
+  ahead = new Date(state.now) - Date.now();
   counted = state.sequence;
   const shown = state.radios.map(radio => {
     if (!cards.has(radio.id)) cards.set(radio.id, makeCard(radio));
@@ -139,12 +141,13 @@ export function countFrame(record, number) {
 function tick() {
   for (const card of cards.values()) {
     shift(card);
-    setText(card.ago, card.heardAt ? text("lastHeard", { ago: ago((Date.now() - card.heardAt) / 1000) }) : text("neverHeard"));
+    setText(card.ago, card.heardAt ? text("lastHeard", { ago: ago((Date.now() + ahead - card.heardAt) / 1000) }) : text("neverHeard"));
     const label = text("chart", {
       total: card.counts.reduce((sum, count) => sum + count, 0), most: Math.max(...card.counts),
     });
     if (card.canvas.getAttribute("aria-label") !== label) card.canvas.setAttribute("aria-label", label);
-    card.chart?.update("none");
+    if (card.changed) card.chart?.update("none");
+    card.changed = false;
   }
 }
 

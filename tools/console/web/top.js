@@ -20,9 +20,11 @@ export function showTop(state, session) {
   const findings = [...state.findings].sort((a, b) => rank[b.severity] - rank[a.severity]);
   const [worst, ...others] = findings;
   const top = byId("top");
-  top.dataset.level = worst ? worst.severity : "good";
-  setText(byId("verdict"), worst ? sentence(worst) : text("allWell"));
-  const idle = state.radios.length === 0 ? text("noRadioYet") : "";
+  const isWell = state.checked === "" ? ["unknown", text("checking")] : ["good", text("allWell")];
+  const [level, verdict] = worst ? [worst.severity, sentence(worst)] : isWell;
+  top.dataset.level = level;
+  setText(byId("verdict"), verdict);
+  const idle = state.checked !== "" && state.radios.length === 0 ? text("noRadioYet") : "";
   setText(byId("remedy"), worst ? remedy(worst) : idle);
 
   byId("more").hidden = others.length === 0;
