@@ -1,5 +1,7 @@
 #include "app/SystemdNotifier.h"
 
+#include "forwarders/LongWait.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstddef>
@@ -12,7 +14,7 @@
 
 namespace {
 
-// sd_watchdog_enabled(3) advises two. Outputs that cannot write may block one after another, 30 s each.
+// sd_watchdog_enabled(3) advises two. An output that cannot write may block for 30 s, and others after it.
 constexpr std::uint64_t signsInEachInterval = 4;
 constexpr int retryDelay = 1000; // ms
 
@@ -45,7 +47,9 @@ SystemdNotifier::SystemdNotifier(QObject *parent) : QObject(parent)
     std::uint64_t watchdogInterval = 0; // microseconds
     if (sd_watchdog_enabled(0, &watchdogInterval) <= 0)
         return;
-    connect(&m_watchdogTimer, &QTimer::timeout, this, [] { notify("WATCHDOG=1"); });
+    const auto tellAlive = [] { notify("WATCHDOG=1"); };
+    connect(&m_watchdogTimer, &QTimer::timeout, this, tellAlive);
+    connect(LongWait::getInstance(), &LongWait::begins, this, tellAlive);
     const auto period = std::chrono::milliseconds(watchdogInterval / 1000 / signsInEachInterval);
     m_watchdogTimer.start(qMax(period, std::chrono::milliseconds(1)));
 }

@@ -287,6 +287,8 @@ void ConfigDatabase::updateForwarderStatus(int id, DataForwarderConfig::Forwarde
 {
     const Session session(this);
     QSqlQuery query;
+    if (m_lastStatusFailed) // who keeps the file locked is waited for once, not with each frame
+        query.exec(QStringLiteral("PRAGMA busy_timeout = 50"));
     const QString statement = QStringLiteral("UPDATE data_forwarder SET status='") + QString::number(status)
         + QStringLiteral("'") + QStringLiteral(" WHERE ids LIKE '") + QString::number(id)
         + QStringLiteral("'");

@@ -8,6 +8,7 @@ DataForwarder::DataForwarder(QObject *parent, int id) : QObject(parent), m_id(id
 {
     m_statusRetry.setSingleShot(true);
     m_statusRetry.setInterval(statusRetryDelay);
+    connect(&m_statusRetry, &QTimer::timeout, this, [this] { keepStatus(m_keptStatus); });
 }
 
 DataForwarderConfig DataForwarder::configuration() const
@@ -22,13 +23,12 @@ void DataForwarder::setStatus(int status) const
 
 void DataForwarder::keepStatus(int status)
 {
+    m_keptStatus = status;
     setStatus(status);
-    m_statusRetry.disconnect();
-    m_statusRetry.stop();
-    if (!ConfigDatabase::getInstance()->lastStatusFailed())
-        return;
-    connect(&m_statusRetry, &QTimer::timeout, this, [this, status] { keepStatus(status); });
-    m_statusRetry.start();
+    if (ConfigDatabase::getInstance()->lastStatusFailed())
+        m_statusRetry.start();
+    else
+        m_statusRetry.stop();
 }
 
 QSharedPointer<RadioAdapterConfig> DataForwarder::senderConfig() const

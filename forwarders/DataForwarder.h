@@ -47,5 +47,6 @@ protected:
 
 private:
     const int m_id;
+    int m_keptStatus = 0;
     QTimer m_statusRetry{this};
 };

@@ -74,7 +74,7 @@ void PubSubDataForwarder::refreshSettings()
     // A file that is locked is waited for once.
     const bool wereRead = refresh(OWNER_EMAIL_KEY, &m_owner.email)
         && refresh(OWNER_DEPT_KEY, &m_owner.department) && refresh(OUTBOX_LIMIT_KEY, &m_limit);
-    m_settingsLifetime = wereRead ? settingsLifetime : settingsRest;
+    m_settingsLifetime = wereRead || m_limit.isNull() ? settingsLifetime : settingsRest;
     const qint64 limit = m_limit.toLongLong(); // 0 when it is no number
     m_queue.setLimit((limit > 0 && limit <= greatestLimit ? limit : usualLimit) * 1024 * 1024);
     m_settingsAge.start();

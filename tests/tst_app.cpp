@@ -107,6 +107,16 @@ void TestApp::lifeUnderSystemd()
     QCOMPARE(daemon.waitForExit(), 0);
     QVERIFY(!daemon.log().contains("AutoKill"_s));
 
+    file.addForwarder("RAW"_s, "127.0.0.1"_s, 1);
+    Daemon waiting; // for a server, which it says beforehand
+    waiting.setEnvironment(daemon.environment() + QStringList("WATCHDOG_USEC=3600000000"_s));
+    waiting.start({"-c"_s, file.path()});
+    QVERIFY(QTest::qWaitFor([&] {
+        char message[100] = {};
+        return ::recv(socket, message, sizeof message - 1, 0) > 0 && QByteArray(message) == "WATCHDOG=1";
+    }));
+    QCOMPARE(waiting.end(), 0);
+
     Daemon unread; // whose signs fill the socket within a second, and must not hold it up
     unread.setEnvironment(daemon.environment() + QStringList("WATCHDOG_USEC=3000"_s));
     unread.start({"-c"_s, file.path()});

@@ -338,6 +338,22 @@ void TestConfig::lockedFileIsWaitedFor()
         QCOMPARE(outputs(file), "GCP0 RAWkept0"_s);
         QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
     }
+
+    const TestDatabase file; // with changes that somebody has not committed
+    FreshDatabase database(file.path());
+    OtherProgram tool(file, "BEGIN IMMEDIATE;");
+    database.updateForwarderStatus(1, DataForwarderConfig::Failed);
+    QElapsedTimer clock;
+    clock.start();
+    for (int frame = 0; frame < 10; ++frame)
+        database.updateForwarderStatus(1, DataForwarderConfig::Working);
+    QVERIFY(database.lastStatusFailed());
+    QVERIFY2(clock.elapsed() < 2000, qPrintable(QString::number(clock.elapsed())));
+    tool.goOn(0, "COMMIT;");
+    QVERIFY(tool.waitForFinished());
+    database.updateForwarderStatus(1, DataForwarderConfig::Working);
+    QCOMPARE(file.forwarderStatus(1), 3);
+    QVERIFY(!database.lastStatusFailed());
 }
 
 QTEST_GUILESS_MAIN(TestConfig)
