@@ -10,6 +10,7 @@ class TestQuillonctlCheck : public QuillonctlTest
 private slots:
     void findings();
     void believesARunningDaemon();
+    void fullDisk();
     void reachesServers();
     void namesOfOneDevice();
 };
@@ -86,6 +87,29 @@ void TestQuillonctlCheck::believesARunningDaemon()
         "warning: output 3 (DUOS): it has failed. Remedy: journalctl -u quillon", atLast};
     for (int i = 0; i < running.size(); ++i)
         QVERIFY2(running.at(i).startsWith(expected[i]), running.at(i));
+
+    // The daemon would write the row of a radio that it drives over that of the next one with its id.
+    for (const QString &id : {"2"_s, "4"_s}) {
+        QCOMPARE(run("radio remove "_s + id), 2);
+        QVERIFY2(m_error.contains("the daemon drives radio " + id.toLatin1()), m_error);
+    }
+    QCOMPARE(run("radio remove 5"_s), 0); // it is unplugged
+    lock.close();
+    QCOMPARE(run("radio remove 2"_s), 0);
+}
+
+void TestQuillonctlCheck::fullDisk()
+{
+    const QByteArray out =
+        runShell("unshare -rm sh -ec '\n"
+                 "mkdir full; mount -t tmpfs -o size=512k none full; cp quillon.sqlite full\n"
+                 "head -c 1m /dev/zero >full/rest || :\n"
+                 "for command in check restart \"say x\"\n"
+                 "do %1 -c full/quillon.sqlite $command || :; done' 2>&1"_s.arg(m_program),
+            m_file->folder());
+    if (out.contains("unshare: "))
+        QSKIP("no namespaces here");
+    QCOMPARE(out.count("the disk of full/quillon.sqlite is full"), 3);
 }
 
 void TestQuillonctlCheck::reachesServers()

@@ -74,7 +74,7 @@ void Box::readFile()
         const FileState::Snapshot snapshot = m_file.read();
         QMetaObject::invokeMethod(this, [this, stamp, snapshot] {
             m_reading = false;
-            const bool changed = stamp != m_stamp;
+            const bool changed = stamp != m_stamp || m_snapshot.error != snapshot.error;
             m_stamp = stamp;
             take(snapshot, m_file.findings());
             if (changed && m_watched)
@@ -155,7 +155,7 @@ QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Fi
     if (!file.error.isEmpty())
         result.append(errorFinding(QStringLiteral("configuration"), file.error,
             QFileInfo::exists(m_file.configFile())
-                ? QStringLiteral("quillonctl check tells more")
+                ? QStringLiteral("journalctl -u quillon tells why")
                 : QStringLiteral("start the daemon once, or name the right file with --configfile")));
     else if (!file.stream)
         result.append(errorFinding(QStringLiteral("console"),

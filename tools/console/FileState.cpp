@@ -45,10 +45,10 @@ FileState::Findings FileState::check()
     try {
         const ConfigFile file(m_configFile, ConfigFile::ReadOnly, lockPatienceMs);
         result.rows = findingRows(file, ServiceUser::find(), WhatFails);
+        result.checked = QDateTime::currentDateTimeUtc();
     } catch (const CommandError &) {
         // read() tells that the file cannot be read
     }
-    result.checked = QDateTime::currentDateTimeUtc();
     const QMutexLocker lock(&m_mutex);
     m_findings = result;
     return result;

@@ -25,7 +25,7 @@ public:
     struct Findings
     {
         QJsonArray rows;
-        QDateTime checked; ///< invalid before the first check
+        QDateTime checked; ///< invalid as long as the file could not be looked through
     };
 
     explicit FileState(const QString &configFile) : m_configFile(configFile) { }

@@ -9,6 +9,8 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 
+#include <unistd.h>
+
 namespace {
 
 const int maximumSize = 64 * 1024;
@@ -21,6 +23,8 @@ const QString requiredFields[] = {QStringLiteral("project_id"), QStringLiteral("
 CredentialFile CredentialFile::read(const QString &path)
 {
     QFile file(path);
+    if (access(QFile::encodeName(path).constData(), R_OK) != 0 && errno != ENOENT)
+        throw CommandError(QStringLiteral("%1 cannot be read: %2").arg(path, qt_error_string()));
     if (!QFileInfo(path).isFile())
         throw CommandError(QStringLiteral("the credential file %1 does not exist").arg(path));
     if (!file.open(QIODevice::ReadOnly))

@@ -118,6 +118,10 @@ void Check::checkFile()
         report(Error, QStringLiteral("configuration"),
             QStringLiteral("the user %1 cannot change the file or its folder").arg(m_user.name()),
             QStringLiteral("chown %1 %2 %3").arg(m_user.name(), folder, m_file.path()));
+    if (m_user.isDiskFull(m_file.path()))
+        report(Error, QStringLiteral("configuration"),
+            QStringLiteral("the disk of %1 is full").arg(m_file.path()),
+            QStringLiteral("make room: df -h shows the disks"));
 }
 
 void Check::checkRelease()

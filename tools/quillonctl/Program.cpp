@@ -37,7 +37,7 @@ int runProgram(const char *name, int argc, char *argv[], int (*run)(int argc, ch
     qInstallMessageHandler(handleMessage);
     // A resolver that is out of reach would hold up a check for 10 s and more a name.
     if (!qEnvironmentVariableIsSet("RES_OPTIONS"))
-        qputenv("RES_OPTIONS", "timeout:2 attempts:1");
+        qputenv("RES_OPTIONS", "timeout:1 attempts:2");
     int ownArgument = 1; // the others are not Qt's to look at
     const QCoreApplication application(ownArgument, argv);
     QCoreApplication::setApplicationName(QString::fromLatin1(name));

@@ -4,6 +4,7 @@
 #include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
+#include "tools/quillonctl/ServiceUser.h"
 
 #include <memory>
 
@@ -79,6 +80,14 @@ void addPendingCommands(CLI::App &app, CommandContext &context)
     clear->callback([&context] { clearPending(context); });
 }
 
+/// As root an action would still find room; the daemon could not take it back, and would carry it out again
+/// and again.
+void requireRoom(const ConfigFile &file)
+{
+    if (ServiceUser::find().isDiskFull(file.path()))
+        throw CommandError(QStringLiteral("the disk of %1 is full").arg(file.path()));
+}
+
 } // namespace
 
 QString queueText(const ConfigFile &file, const std::string &argument)
@@ -87,12 +96,14 @@ QString queueText(const ConfigFile &file, const std::string &argument)
     QString displayed = displayedText(text);
     if (displayed.trimmed().isEmpty())
         throw CommandError(QStringLiteral("nothing of this text would reach a display"));
+    requireRoom(file);
     file.insert(table, {{commandColumn, displayPrefix + text}});
     return displayed;
 }
 
 bool queueOnce(const ConfigFile &file, const QString &command)
 {
+    requireRoom(file);
     return file.insertUnlessPresent(table, {{commandColumn, command}}, commandColumn) > 0;
 }
 

@@ -3,6 +3,7 @@
 
 #include "serial/DevicePath.h"
 #include "tools/quillonctl/CommandError.h"
+#include "tools/quillonctl/DaemonLock.h"
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
 
@@ -16,6 +17,7 @@ namespace {
 
 const QString table = QStringLiteral("radio_adapters");
 const QString staticMethod = QStringLiteral("STATIC");
+const QString idColumn = QStringLiteral("ids");
 const QString portColumn = QStringLiteral("port");
 const QString nameColumn = QStringLiteral("name");
 const QString autobaudColumn = QStringLiteral("autobaud");
@@ -149,10 +151,26 @@ void setRadio(const CommandContext &context, const RadioOptions &options, const 
     printIfDeaf(file, id);
 }
 
+/// Whether the daemon may have the radio's port open.
+bool isDriven(const ConfigFile &file, const QSqlRecord &radio)
+{
+    const bool mayBe = radio.value(enabledColumn).toBool() || radio.value(QStringLiteral("status")).toInt();
+    return mayBe && QFileInfo::exists(deviceFile(radio.value(portColumn).toString()))
+        && daemonRuns(file.path());
+}
+
 void removeRadio(const CommandContext &context, const RadioOptions &options)
 {
     const int id = checkedId(options.id);
-    if (context.open(ConfigFile::ReadWrite).remove(table, QStringLiteral("ids"), id) == 0)
+    const ConfigFile file = context.open(ConfigFile::ReadWrite);
+    for (const QSqlRecord &radio : file.rows(table)) {
+        if (radio.value(idColumn).toInt() == id && isDriven(file, radio))
+            throw CommandError(QStringLiteral(
+                "the daemon drives radio %1 and would write its row over that of the next one "
+                "with this id: quillonctl radio disable %1, quillonctl restart, then remove it")
+                                   .arg(id));
+    }
+    if (file.remove(table, idColumn, id) == 0)
         throw CommandError(QStringLiteral("there is no radio with the id %1").arg(id));
     printLine(
         QStringLiteral("Radio %1 removed. A port that the machine lists gets a new row while it is there; "

@@ -10,7 +10,14 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
+
+namespace {
+
+const quint64 leastRoom = 65536; // bytes; a small change of a database needs some of it for its journal
+
+} // namespace
 
 ServiceUser ServiceUser::find()
 {
@@ -67,19 +74,28 @@ bool ServiceUser::modeAllows(unsigned wanted, const struct stat &status) const
     return (granted & wanted) == wanted;
 }
 
+bool ServiceUser::isDiskFull(const QString &path) const
+{
+    struct statvfs status = {};
+    const QByteArray folder = QFile::encodeName(QFileInfo(path).absolutePath());
+    if (statvfs(folder.constData(), &status) != 0 || status.f_blocks == 0)
+        return false;
+    const quint64 free = m_uid == 0 ? status.f_bfree : status.f_bavail;
+    return free * status.f_frsize < leastRoom;
+}
+
 QString ServiceUser::writeProblem(const QString &path) const
 {
     const QFileInfo info(path);
     if (info.isDir())
         return QStringLiteral("%1 is a folder").arg(path);
-    if (info.exists())
-        return may(Write, path) ? QString()
-                                : QStringLiteral("%1 cannot be written by the user %2").arg(path, m_name);
-    if (!QFileInfo(info.path()).isDir())
+    if (info.exists() && !may(Write, path))
+        return QStringLiteral("%1 cannot be written by the user %2").arg(path, m_name);
+    if (!info.exists() && !QFileInfo(info.path()).isDir())
         return QStringLiteral("the folder %1 does not exist").arg(info.path());
-    if (!may(Write | Execute, info.path()))
+    if (!info.exists() && !may(Write | Execute, info.path()))
         return QStringLiteral("the folder %1 cannot be written by the user %2").arg(info.path(), m_name);
-    return {};
+    return isDiskFull(path) ? QStringLiteral("the disk of %1 is full").arg(path) : QString();
 }
 
 QString groupOf(const QString &path)

@@ -26,6 +26,8 @@ public:
     QString name() const { return m_name; }
     /// Whether the user may do all of `wanted` with an existing file or folder, and reach it.
     bool may(unsigned wanted, const QString &path) const;
+    /// Whether the disk that a file is on has no room left for the user.
+    bool isDiskFull(const QString &path) const;
     /// What keeps the user from writing a file, which need not exist yet; empty when nothing does.
     QString writeProblem(const QString &path) const;
 

@@ -38,9 +38,8 @@ async function fetchInTime(path, options = {}) {
 }
 
 async function answerOf(response) {
-  const answer = await response.json().catch(() => ({}));
-  if (!response.ok) throw new Refused(response.status, answer);
-  return answer;
+  if (!response.ok) throw new Refused(response.status, await response.json().catch(() => ({})));
+  return response.json();
 }
 
 export async function getState() {

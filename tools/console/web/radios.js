@@ -9,7 +9,7 @@ import { ago, phrase, text, word } from "./texts.js";
 const minutes = 60;
 const cards = new Map(); // by the radio's id
 let counted = 0; // the number of the newest frame that the charts show
-let ahead = 0; // ms that the gateway's clock is before the phone's
+let ahead = 0; // ms that the gateway's clock is ahead of the phone's
 
 const stateNames = ["searching", "identified", "stopped"];
 const levels = ["warning", "good", "error"];
@@ -152,10 +152,11 @@ function tick() {
 }
 
 async function change(card, body, withRestart) {
+  const done = withRestart ? "changedAndRestart" : body.enabled ? "takenIn" : "changed";
   try {
     await post(`/api/radio/${card.radio.id}`, body);
     if (withRestart) await post("/api/restart");
-    outcome(card.told, "good", text(withRestart ? "changedAndRestart" : "changed"));
+    outcome(card.told, "good", text(done));
   } catch (error) {
     outcome(card.told, "error", phrase(error.message));
   }
