@@ -287,13 +287,18 @@ void ConfigDatabase::updateForwarderStatus(int id, DataForwarderConfig::Forwarde
 {
     const Session session(this);
     QSqlQuery query;
-    if (m_lastStatusFailed) // who keeps the file locked is waited for once, not with each frame
+    // Who keeps the file locked is waited for once, not with each frame.
+    if (m_unwrittenStatus.value(id, -1) == status)
         query.exec(QStringLiteral("PRAGMA busy_timeout = 50"));
     const QString statement = QStringLiteral("UPDATE data_forwarder SET status='") + QString::number(status)
         + QStringLiteral("'") + QStringLiteral(" WHERE ids LIKE '") + QString::number(id)
         + QStringLiteral("'");
     m_lastStatusFailed = !checkStatement(query.exec(statement),
         "void ConfigDatabase::updateForwarderStatus(int, DataForwarderConfig::ForwarderStatus)", query);
+    if (m_lastStatusFailed)
+        m_unwrittenStatus.insert(id, status);
+    else
+        m_unwrittenStatus.remove(id);
 }
 
 void ConfigDatabase::resetForwarders()

@@ -3,6 +3,7 @@
 #include "config/DataForwarderConfig.h"
 #include "config/RadioAdapterConfig.h"
 
+#include <QHash>
 #include <QList>
 #include <QSharedPointer>
 #include <QSqlDatabase>
@@ -132,6 +133,7 @@ private:
     QString m_path;
     bool m_lastReadFailed = false;
     bool m_lastStatusFailed = false;
+    QHash<int, int> m_unwrittenStatus; // by the output's id
     bool m_releaseCheckPending = true;
     QSqlError m_setupError;
     bool m_setupFailureLogged = false;

@@ -7,10 +7,6 @@
 #include <QHostAddress>
 #include <QHostInfo>
 
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-
 namespace {
 
 // All in ms.
@@ -22,21 +18,6 @@ constexpr int longWait = 500;
 constexpr int restAfterLongWait = 1500;
 constexpr int longestRest = 60000;
 constexpr int lateness = 300; // of a timer, beyond which the event loop is busy
-constexpr int longestSilence = 120000; // of a server that was sent something, or asked whether it is there
-constexpr int keepAliveInterval = 30; // s
-
-/// A connection whose other end has gone without a word, as over a link that was given another address, would
-/// take what is written for a quarter of an hour. See tcp(7).
-void noticeDeath(QTcpSocket *socket)
-{
-    const auto set = [descriptor = int(socket->socketDescriptor())](int option, int value) {
-        setsockopt(descriptor, IPPROTO_TCP, option, &value, sizeof value);
-    };
-    socket->setSocketOption(QAbstractSocket::KeepAliveOption, 1);
-    set(TCP_KEEPIDLE, keepAliveInterval);
-    set(TCP_KEEPINTVL, keepAliveInterval);
-    set(TCP_USER_TIMEOUT, longestSilence);
-}
 
 /// A configured port beyond the range must not end up at another service.
 quint16 tcpPort(int configured)
@@ -151,7 +132,6 @@ void TcpDataForwarder::giveUpAttempt(QAbstractSocket::SocketError socketError, c
 void TcpDataForwarder::connected()
 {
     qInfo() << "[" << m_target << ":" << m_port << "] socket connected";
-    noticeDeath(&m_socket);
     m_connected = true;
     setStatus(DataForwarderConfig::Working);
 }

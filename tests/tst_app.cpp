@@ -107,6 +107,7 @@ void TestApp::lifeUnderSystemd()
     QCOMPARE(daemon.waitForExit(), 0);
     QVERIFY(!daemon.log().contains("AutoKill"_s));
 
+    for (char message[100]; ::recv(socket, message, sizeof message, 0) > 0;) { }
     file.addForwarder("RAW"_s, "127.0.0.1"_s, 1);
     Daemon waiting; // for a server, which it says beforehand
     waiting.setEnvironment(daemon.environment() + QStringList("WATCHDOG_USEC=3600000000"_s));

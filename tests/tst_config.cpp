@@ -342,7 +342,7 @@ void TestConfig::lockedFileIsWaitedFor()
     const TestDatabase file; // with changes that somebody has not committed
     FreshDatabase database(file.path());
     OtherProgram tool(file, "BEGIN IMMEDIATE;");
-    database.updateForwarderStatus(1, DataForwarderConfig::Failed);
+    database.updateForwarderStatus(1, DataForwarderConfig::Working);
     QElapsedTimer clock;
     clock.start();
     for (int frame = 0; frame < 10; ++frame)

@@ -27,7 +27,6 @@ public:
     ~EventHub() override;
 
     bool isFull() const { return m_clients.size() >= size_t(maximumClients); }
-    bool isEmpty() const { return m_clients.empty(); }
 
     /// Takes over a socket on which the head of the answer was written. `lastEventId` is the id of the last
     /// event that the client has, empty for none: then it gets all that is there.

@@ -42,7 +42,8 @@ CredentialFile CredentialFile::read(const QString &path)
 CredentialFile CredentialFile::fromSecret(const QString &secret)
 {
     const auto decoded =
-        QByteArray::fromBase64Encoding(secret.toUtf8(), QByteArray::AbortOnBase64DecodingErrors);
+        QByteArray::fromBase64Encoding(secret.toUtf8().simplified().replace(' ', QByteArray()),
+            QByteArray::AbortOnBase64DecodingErrors); // it may come in lines, as the daemon takes it
     return CredentialFile(decoded ? *decoded : QByteArray());
 }
 

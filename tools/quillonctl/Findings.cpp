@@ -24,6 +24,7 @@
 namespace {
 
 const int connectTimeoutMs = 2000;
+const QString makeRoom = QStringLiteral("make room: df -h shows the disks");
 const QString errorWord = QStringLiteral("error");
 
 enum Severity {
@@ -120,8 +121,7 @@ void Check::checkFile()
             QStringLiteral("chown %1 %2 %3").arg(m_user.name(), folder, m_file.path()));
     if (m_user.isDiskFull(m_file.path()))
         report(Error, QStringLiteral("configuration"),
-            QStringLiteral("the disk of %1 is full").arg(m_file.path()),
-            QStringLiteral("make room: df -h shows the disks"));
+            QStringLiteral("the disk of %1 is full").arg(m_file.path()), makeRoom);
 }
 
 void Check::checkRelease()
@@ -280,7 +280,9 @@ void Check::checkOutbox(const QString &subject, int id)
     const QString problem = m_user.writeProblem(path);
     if (!problem.isEmpty())
         report(Error, subject, QStringLiteral("its outbox cannot be kept: ") + problem,
-            QStringLiteral("chown %1 %2").arg(m_user.name(), QFileInfo(path).absolutePath()));
+            m_user.isDiskFull(path)
+                ? makeRoom
+                : QStringLiteral("chown %1 %2").arg(m_user.name(), QFileInfo(path).absolutePath()));
     const QString damage = outboxCounts(path, connectTimeoutMs).value(QStringLiteral("problem")).toString();
     if (problem.isEmpty() && !damage.isEmpty())
         report(

@@ -151,12 +151,10 @@ void setRadio(const CommandContext &context, const RadioOptions &options, const 
     printIfDeaf(file, id);
 }
 
-/// Whether the daemon may have the radio's port open.
-bool isDriven(const ConfigFile &file, const QSqlRecord &radio)
+/// Whether the daemon may have the radio's port open, whatever the row says by now.
+bool mayBeDriven(const ConfigFile &file, const QSqlRecord &radio)
 {
-    const bool mayBe = radio.value(enabledColumn).toBool() || radio.value(QStringLiteral("status")).toInt();
-    return mayBe && QFileInfo::exists(deviceFile(radio.value(portColumn).toString()))
-        && daemonRuns(file.path());
+    return QFileInfo::exists(deviceFile(radio.value(portColumn).toString())) && daemonRuns(file.path());
 }
 
 void removeRadio(const CommandContext &context, const RadioOptions &options)
@@ -164,11 +162,11 @@ void removeRadio(const CommandContext &context, const RadioOptions &options)
     const int id = checkedId(options.id);
     const ConfigFile file = context.open(ConfigFile::ReadWrite);
     for (const QSqlRecord &radio : file.rows(table)) {
-        if (radio.value(idColumn).toInt() == id && isDriven(file, radio))
-            throw CommandError(QStringLiteral(
-                "the daemon drives radio %1 and would write its row over that of the next one "
-                "with this id: quillonctl radio disable %1, quillonctl restart, then remove it")
-                                   .arg(id));
+        if (radio.value(idColumn).toInt() == id && mayBeDriven(file, radio))
+            throw CommandError(
+                QStringLiteral("the daemon may drive radio %1, and would write its row over that of the next "
+                               "one with this id: unplug it, or stop the daemon, then remove it")
+                    .arg(id));
     }
     if (file.remove(table, idColumn, id) == 0)
         throw CommandError(QStringLiteral("there is no radio with the id %1").arg(id));

@@ -77,8 +77,11 @@ bool ServiceUser::modeAllows(unsigned wanted, const struct stat &status) const
 bool ServiceUser::isDiskFull(const QString &path) const
 {
     struct statvfs status = {};
-    const QByteArray folder = QFile::encodeName(QFileInfo(path).absolutePath());
-    if (statvfs(folder.constData(), &status) != 0 || status.f_blocks == 0)
+    const QFileInfo info(path);
+    if (info.exists() && !info.isFile())
+        return false; // a pipe, a socket or a device
+    const QByteArray place = QFile::encodeName(info.exists() ? path : info.absolutePath());
+    if (statvfs(place.constData(), &status) != 0 || status.f_blocks == 0)
         return false;
     const quint64 free = m_uid == 0 ? status.f_bfree : status.f_bavail;
     return free * status.f_frsize < leastRoom;
