@@ -2,7 +2,7 @@
 
 #include "config/ConfigDatabase.h"
 
-static constexpr int statusRetryDelay = 60000; // ms; a locked file holds up everything for 5 s each time
+static constexpr int statusRetryDelay = 60000; // ms; each try that fails is logged
 
 DataForwarder::DataForwarder(QObject *parent, int id) : QObject(parent), m_id(id)
 {
