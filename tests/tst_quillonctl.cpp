@@ -122,7 +122,8 @@ void TestQuillonctl::changesRows()
     QCOMPARE(m_error, QByteArray());
     QVERIFY(!m_out.isEmpty());
     if (command.startsWith("forwarder"_s) || command.startsWith("config"_s))
-        QCOMPARE(m_out.contains("next restart"), !command.contains("_limit"_s) && !command.endsWith("false"_s));
+        QCOMPARE(
+            m_out.contains("next restart"), !command.contains("_limit"_s) && !command.endsWith("false"_s));
 
     const QSet<QString> after = rows();
     const QSet<QString> differing = after.size() < before.size() ? before - after : after - before;
