@@ -63,3 +63,6 @@ void TerminationSignals::handleSignal()
     [[maybe_unused]] const ssize_t read = ::read(eventDescriptor, &count, sizeof count);
     QCoreApplication::exit(0);
 }
+
+// In an object of its own: all of the core would come with the others.
+#include "moc_TerminationSignals.cpp" // NOLINT(bugprone-suspicious-include)

@@ -6,3 +6,6 @@ RadioAdapterConfig::RadioAdapterConfig(const RadioAdapterConfig &other)
       enabled(other.enabled), discovered(other.discovered), esn(other.esn), status(other.status)
 {
 }
+
+// In an object of its own: all of the core would come with the others.
+#include "moc_RadioAdapterConfig.cpp" // NOLINT(bugprone-suspicious-include)

@@ -29,7 +29,7 @@ _quillonctl_words()
         *" list") echo "--json $everywhere" ;;
         reboot) echo "--yes $everywhere" ;;
         console) echo "password $everywhere" ;;
-        check) echo "--user --json $everywhere" ;;
+        check) echo "--user --spare-working --json $everywhere" ;;
         *) echo "$everywhere" ;;
     esac
 }

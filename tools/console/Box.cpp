@@ -9,12 +9,11 @@ const int lookMs = 1000;
 const int settleMs = 150;
 /// What changes without the file: devices, servers, what waits in an outbox.
 const int checkMs = 30 * 1000;
-const int recentSeconds = 60;
 
 } // namespace
 
 Box::Box(const QString &configFile, QThreadPool &pool, QObject *parent)
-    : QObject(parent), m_pool(pool), m_file(configFile)
+    : QObject(parent), m_pool(pool), m_file(configFile), m_check(configFile)
 {
     connect(&m_stream, &StreamClient::received, this, &Box::receive);
     connect(&m_stream, &StreamClient::joined, this, &Box::readSoon);
@@ -25,7 +24,8 @@ Box::Box(const QString &configFile, QThreadPool &pool, QObject *parent)
     m_readTimer.setInterval(settleMs);
     connect(&m_readTimer, &QTimer::timeout, this, &Box::readFile);
     m_checkTimer.setInterval(checkMs);
-    connect(&m_checkTimer, &QTimer::timeout, this, &Box::check);
+    connect(&m_checkTimer, &QTimer::timeout, &m_check, &Check::start);
+    connect(&m_check, &Check::finished, this, &Box::readFile);
 }
 
 void Box::start()
@@ -43,7 +43,7 @@ void Box::setWatched(bool watched)
     }
     m_lookTimer.start();
     m_checkTimer.start();
-    check();
+    m_check.start();
     readSoon();
 }
 
@@ -76,42 +76,19 @@ void Box::readFile()
             m_reading = false;
             const bool changed = stamp != m_stamp || m_snapshot.error != snapshot.error;
             m_stamp = stamp;
-            take(snapshot, m_file.findings());
+            take(snapshot);
             if (changed && m_watched)
-                check();
+                m_check.start();
         });
     });
 }
 
-void Box::check()
-{
-    if (m_checking)
-        return;
-    m_checking = true;
-    m_pool.start([this] {
-        const FileState::Findings findings = m_file.check();
-        const FileState::Snapshot snapshot = m_file.read();
-        QMetaObject::invokeMethod(this, [this, findings, snapshot] {
-            m_checking = false;
-            take(snapshot, findings);
-            emit checked();
-        });
-    });
-}
-
-bool Box::isChecked() const
-{
-    const QDateTime checked = m_file.findings().checked;
-    const qint64 age = checked.secsTo(QDateTime::currentDateTimeUtc());
-    return checked.isValid() && age >= 0 && age < recentSeconds;
-}
-
-void Box::take(const FileState::Snapshot &file, const FileState::Findings &findings)
+void Box::take(const FileState::Snapshot &file)
 {
     m_snapshot = file;
     if (file.error.isEmpty())
         m_stream.setTarget(file.stream.value_or(StreamTarget()));
-    emit stateChanged(state(file, findings));
+    emit stateChanged(state(file));
 }
 
 void Box::receive(const QByteArray &line, const QJsonObject &record)
@@ -127,7 +104,7 @@ void Box::receive(const QByteArray &line, const QJsonObject &record)
     }
 }
 
-QJsonObject Box::state(const FileState::Snapshot &file, const FileState::Findings &findings) const
+QJsonObject Box::state(const FileState::Snapshot &file) const
 {
     const QJsonObject stream{
         {QStringLiteral("target"), file.stream ? file.stream->text() : QString()},
@@ -140,16 +117,16 @@ QJsonObject Box::state(const FileState::Snapshot &file, const FileState::Finding
         {QStringLiteral("radios"), file.radios},
         {QStringLiteral("outputs"), file.outputs},
         {QStringLiteral("pending"), file.pending},
-        {QStringLiteral("findings"), allFindings(file, findings)},
+        {QStringLiteral("findings"), allFindings(file)},
         {QStringLiteral("now"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
-        {QStringLiteral("checked"), findings.checked.toString(Qt::ISODateWithMs)},
+        {QStringLiteral("checked"), m_check.findings().checked.toString(Qt::ISODateWithMs)},
         {QStringLiteral("activity"), m_history.activity(QDateTime::currentDateTimeUtc())},
         {QStringLiteral("sequence"), m_history.last()},
     };
 }
 
 /// The console's own findings come first: without them the others say little.
-QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Findings &findings) const
+QJsonArray Box::allFindings(const FileState::Snapshot &file) const
 {
     QJsonArray result;
     if (!file.error.isEmpty())
@@ -165,7 +142,7 @@ QJsonArray Box::allFindings(const FileState::Snapshot &file, const FileState::Fi
         result.append(errorFinding(QStringLiteral("daemon"),
             QStringLiteral("it does not run, or does not offer its stream at %1").arg(file.stream->text()),
             QStringLiteral("systemctl restart quillon, then journalctl -u quillon")));
-    for (const auto &finding : findings.rows)
+    for (const auto &finding : m_check.findings().rows)
         result.append(finding);
     return result;
 }

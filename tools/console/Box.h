@@ -1,5 +1,6 @@
 #pragma once
 
+#include "tools/console/Check.h"
 #include "tools/console/FileState.h"
 #include "tools/console/History.h"
 #include "tools/console/StreamClient.h"
@@ -22,30 +23,27 @@ public:
     /// Reads the file again, in a moment: somebody has changed it, or should have.
     void readSoon();
 
-    /// Looks for what is wrong, unless a check is under way; checked() tells its end.
-    void check();
-    /// Whether the last check is recent.
-    bool isChecked() const;
+    Check &check() { return m_check; }
 
     const History &history() const { return m_history; }
-    FileState &file() { return m_file; }
+    const FileState &file() const { return m_file; }
     /// All that GET /api/state shows but the session.
-    QJsonObject state(const FileState::Snapshot &file, const FileState::Findings &findings) const;
+    QJsonObject state(const FileState::Snapshot &file) const;
 
 signals:
     void stateChanged(const QJsonObject &state);
     void recorded();
-    void checked();
 
 private:
     void look();
     void readFile();
-    void take(const FileState::Snapshot &file, const FileState::Findings &findings);
+    void take(const FileState::Snapshot &file);
     void receive(const QByteArray &line, const QJsonObject &record);
-    QJsonArray allFindings(const FileState::Snapshot &file, const FileState::Findings &findings) const;
+    QJsonArray allFindings(const FileState::Snapshot &file) const;
 
     QThreadPool &m_pool;
-    FileState m_file;
+    const FileState m_file;
+    Check m_check;
     History m_history;
     StreamClient m_stream;
     QJsonObject m_gateway; ///< its record, of the last time that the stream was joined
@@ -56,5 +54,4 @@ private:
     QTimer m_checkTimer;
     bool m_watched = false;
     bool m_reading = false;
-    bool m_checking = false;
 };

@@ -10,7 +10,6 @@
 #include <QTcpSocket>
 
 #include <memory>
-#include <openssl/crypto.h>
 
 namespace {
 
@@ -150,7 +149,7 @@ QJsonObject Console::session(const Request &request) const
 void Console::sendState(Connection *connection, const Request &request)
 {
     const QJsonObject sessionRow = session(request);
-    if (m_box.isChecked()) {
+    if (m_box.check().isRecent()) {
         readState(connection, sessionRow);
         return;
     }
@@ -160,9 +159,9 @@ void Console::sendState(Connection *connection, const Request &request)
         patience->deleteLater();
         readState(connection, sessionRow);
     });
-    connect(&m_box, &Box::checked, patience, [patience] { patience->start(0); });
+    connect(&m_box.check(), &Check::finished, patience, [patience] { patience->start(0); });
     patience->start(checkPatienceMs);
-    m_box.check();
+    m_box.check().start();
 }
 
 void Console::readState(Connection *connection, const QJsonObject &sessionRow)
@@ -171,7 +170,7 @@ void Console::readState(Connection *connection, const QJsonObject &sessionRow)
     m_pool.start([this, waiting, sessionRow] {
         const FileState::Snapshot snapshot = m_box.file().read();
         QMetaObject::invokeMethod(this, [this, waiting, sessionRow, snapshot] {
-            QJsonObject state = m_box.state(snapshot, m_box.file().findings());
+            QJsonObject state = m_box.state(snapshot);
             state.insert(QStringLiteral("session"), sessionRow);
             if (waiting)
                 waiting->answer(Reply::json(state));
@@ -226,7 +225,6 @@ void Console::logIn(Connection *connection, const Request &request)
     const QDateTime stamp = m_access.passwordStamp();
     m_pool.start([this, waiting, request, stamp, given = password.toString().toUtf8()] {
         const bool matched = m_access.passwordFile().matches(given);
-        OPENSSL_thread_stop(); // at the process's end the thread may not get to it
         QMetaObject::invokeMethod(this, [this, waiting, request, stamp, matched] {
             --m_hashing;
             if (m_access.followPassword())

@@ -1,7 +1,6 @@
 #include "tools/console/FileState.h"
 
 #include "tools/quillonctl/CommandError.h"
-#include "tools/quillonctl/Findings.h"
 #include "tools/quillonctl/Listing.h"
 
 #include <QFile>
@@ -31,27 +30,6 @@ FileState::Snapshot FileState::read() const
     } catch (const CommandError &error) {
         return {{}, {}, {}, {}, error.message()};
     }
-}
-
-FileState::Findings FileState::findings() const
-{
-    const QMutexLocker lock(&m_mutex);
-    return m_findings;
-}
-
-FileState::Findings FileState::check()
-{
-    Findings result;
-    try {
-        const ConfigFile file(m_configFile, ConfigFile::ReadOnly, lockPatienceMs);
-        result.rows = findingRows(file, ServiceUser::find(), WhatFails);
-        result.checked = QDateTime::currentDateTimeUtc();
-    } catch (const CommandError &) {
-        // read() tells that the file cannot be read
-    }
-    const QMutexLocker lock(&m_mutex);
-    m_findings = result;
-    return result;
 }
 
 QString FileState::stamp() const

@@ -2,10 +2,8 @@
 
 #include "tools/quillonctl/StreamTarget.h"
 
-#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonObject>
-#include <QMutex>
 
 #include <optional>
 
@@ -22,19 +20,10 @@ public:
         std::optional<StreamTarget> stream; ///< where the STREAM output is that is switched on
         QString error; ///< why the file could not be read; empty when it was
     };
-    struct Findings
-    {
-        QJsonArray rows;
-        QDateTime checked; ///< invalid as long as the file could not be looked through
-    };
 
     explicit FileState(const QString &configFile) : m_configFile(configFile) { }
 
     Snapshot read() const;
-    /// What the last check has found.
-    Findings findings() const;
-    /// Checks now, which takes some seconds for each server that does not answer.
-    Findings check();
 
     /// Something that is another one after each change of the file.
     QString stamp() const;
@@ -42,8 +31,6 @@ public:
 
 private:
     const QString m_configFile;
-    mutable QMutex m_mutex;
-    Findings m_findings;
 };
 
 /// A finding of the console's own, in the form of the others.

@@ -3,6 +3,7 @@
 #include "tools/quillonctl/CommandError.h"
 
 #include <QFile>
+#include <QLibrary>
 #include <QSslKey>
 #include <QSslSocket>
 #include <QTimer>
@@ -10,7 +11,7 @@
 #include <algorithm>
 #include <memory>
 #include <openssl/err.h>
-#include <openssl/pem.h>
+#include <openssl/x509.h>
 
 namespace {
 
@@ -36,22 +37,30 @@ QSslKey readKey(const QString &path)
     throw CommandError(QStringLiteral("%1 holds no private key without a passphrase").arg(path));
 }
 
+/// A function of the libcrypto that Qt loads for TLS. The console does not link it: it takes more than a
+/// megabyte, and without TLS nothing else needs it.
+template <typename Function>
+Function *inLibcrypto(const char *name)
+{
+    const auto function = reinterpret_cast<Function *>(QLibrary::resolve(QStringLiteral("crypto"), 3, name));
+    if (function == nullptr)
+        throw CommandError(QStringLiteral("TLS needs OpenSSL 3, which cannot be loaded"));
+    return function;
+}
+
 /// Qt would take any key, and refuse every client.
 bool belongTogether(const QSslCertificate &certificate, const QSslKey &key)
 {
-    const auto bioOf = [](const QByteArray &pem) {
-        return std::unique_ptr<BIO, decltype(&BIO_free)>(
-            BIO_new_mem_buf(pem.constData(), pem.size()), BIO_free);
-    };
-    const QByteArray certificatePem = certificate.toPem();
-    const QByteArray keyPem = key.toPem();
-    const std::unique_ptr<X509, decltype(&X509_free)> parsedCertificate(
-        PEM_read_bio_X509(bioOf(certificatePem).get(), nullptr, nullptr, nullptr), X509_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> parsedKey(
-        PEM_read_bio_PrivateKey(bioOf(keyPem).get(), nullptr, nullptr, nullptr), EVP_PKEY_free);
-    const bool matches = parsedCertificate && parsedKey
-        && X509_check_private_key(parsedCertificate.get(), parsedKey.get()) == 1;
-    ERR_clear_error(); // the queue is shared with the TLS of this thread
+    const auto readPrivateKey = inLibcrypto<decltype(d2i_AutoPrivateKey)>("d2i_AutoPrivateKey");
+    const auto freeKey = inLibcrypto<decltype(EVP_PKEY_free)>("EVP_PKEY_free");
+    const auto check = inLibcrypto<decltype(X509_check_private_key)>("X509_check_private_key");
+    const auto clearErrors = inLibcrypto<decltype(ERR_clear_error)>("ERR_clear_error");
+    const QByteArray der = key.toDer();
+    auto *bytes = reinterpret_cast<const unsigned char *>(der.constData());
+    const std::unique_ptr<EVP_PKEY, decltype(freeKey)> parsed(
+        readPrivateKey(nullptr, &bytes, der.size()), freeKey);
+    const bool matches = parsed && check(static_cast<X509 *>(certificate.handle()), parsed.get()) == 1;
+    clearErrors(); // the queue is shared with the TLS of this thread
     return matches;
 }
 

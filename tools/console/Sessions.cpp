@@ -1,21 +1,19 @@
 #include "tools/console/Sessions.h"
 
-#include <openssl/crypto.h>
-#include <openssl/rand.h>
+#include <QRandomGenerator>
 
 #include <algorithm>
 
 namespace {
 
 const int maximumSessions = 64;
-const int idBytes = 16;
+const int idWords = 4;
 
 QByteArray randomId()
 {
-    QByteArray id(idBytes, '\0');
-    if (RAND_bytes(reinterpret_cast<unsigned char *>(id.data()), id.size()) != 1)
-        qFatal("OpenSSL has no random bytes");
-    return id.toHex();
+    quint32 words[idWords];
+    QRandomGenerator::system()->fillRange(words);
+    return QByteArray(reinterpret_cast<const char *>(words), sizeof words).toHex();
 }
 
 } // namespace
@@ -51,9 +49,4 @@ void Sessions::makeRoom()
         return;
     m_entries.erase(std::min_element(m_entries.begin(), m_entries.end(),
         [](const Entry &a, const Entry &b) { return a.opened < b.opened; }));
-}
-
-bool sameSecret(const QByteArray &a, const QByteArray &b)
-{
-    return a.size() == b.size() && CRYPTO_memcmp(a.constData(), b.constData(), size_t(a.size())) == 0;
 }

@@ -39,6 +39,3 @@ private:
     QHash<QByteArray, Entry> m_entries;
     QElapsedTimer m_clock;
 };
-
-/// Whether two secrets are the same, in a time that tells nothing about where they differ.
-bool sameSecret(const QByteArray &a, const QByteArray &b);

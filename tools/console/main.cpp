@@ -6,6 +6,7 @@
 #include "tools/quillonctl/Listing.h"
 #include "tools/quillonctl/Program.h"
 
+#include <QCommandLineParser>
 #include <QCoreApplication>
 
 #include <csignal>
@@ -14,14 +15,13 @@
 
 namespace {
 
-struct Options
-{
-    std::string configFile;
-    std::string listen = "127.0.0.1:8470";
-    std::string certificate;
-    std::string key;
-    bool behindProxy = false;
-};
+const QString configFileOption = QStringLiteral("configfile");
+const QString listenOption = QStringLiteral("listen");
+const QString certificateOption = QStringLiteral("certificate");
+const QString keyOption = QStringLiteral("key");
+const QString behindProxyOption = QStringLiteral("behind-proxy");
+const QString helpOption = QStringLiteral("help");
+const QString versionOption = QStringLiteral("version");
 
 /// Memory that a request took goes back to the system: a password's hash takes 16 MiB.
 void limitMemory()
@@ -31,17 +31,37 @@ void limitMemory()
     mallopt(M_TRIM_THRESHOLD, 256 * 1024);
 }
 
-void addOptions(CLI::App &app, Options &options)
+void addOptions(QCommandLineParser &parser)
 {
-    app.set_version_flag("--version", "quillon-console " QUILLON_VERSION);
-    app.add_option("-c,--configfile", options.configFile, "The daemon's configuration file")->required();
-    app.add_option("--listen", options.listen, "ADDRESS:PORT or [IPv6]:PORT")->capture_default_str();
-    CLI::Option *certificate =
-        app.add_option("--certificate", options.certificate, "PEM file, with its chain: speak TLS");
-    app.add_option("--key", options.key, "PEM file with the certificate's private key")->needs(certificate);
-    certificate->needs("--key");
-    app.add_flag("--behind-proxy", options.behindProxy,
-        "Take the client's address from X-Forwarded-For of a proxy on this machine");
+    parser.setApplicationDescription(
+        QStringLiteral("Serves a page that shows what the Quillon gateway hears and does."));
+    parser.addOptions({
+        {{QStringLiteral("c"), configFileOption}, QStringLiteral("The daemon's configuration file."),
+            QStringLiteral("file")},
+        {listenOption, QStringLiteral("ADDRESS:PORT or [IPv6]:PORT, else 127.0.0.1:8470."),
+            QStringLiteral("place"), QStringLiteral("127.0.0.1:8470")},
+        {certificateOption, QStringLiteral("PEM file, with its chain: speak TLS."), QStringLiteral("file")},
+        {keyOption, QStringLiteral("PEM file with the certificate's private key."), QStringLiteral("file")},
+        {behindProxyOption,
+            QStringLiteral("Take the client's address from X-Forwarded-For of a proxy on this machine.")},
+        {{QStringLiteral("h"), helpOption}, QStringLiteral("Print this help.")},
+        {versionOption, QStringLiteral("Print the version.")},
+    });
+}
+
+/// What is wrong with the command line; empty when nothing is.
+QString problemOf(const QCommandLineParser &options)
+{
+    const QStringList surplus = options.positionalArguments();
+    if (!options.errorText().isEmpty())
+        return options.errorText().chopped(1); // its full stop
+    if (!surplus.isEmpty())
+        return QStringLiteral("nothing is known to do with %1").arg(surplus.first());
+    if (!options.isSet(configFileOption))
+        return QStringLiteral("--configfile is required");
+    if (options.isSet(certificateOption) != options.isSet(keyOption))
+        return QStringLiteral("--certificate and --key need each other");
+    return {};
 }
 
 QHostAddress checkedAddress(const QString &host)
@@ -66,31 +86,31 @@ void requirePassword(const QString &configFile, const QString &place, bool loopb
     }
 }
 
-int serve(const Options &options)
+int serve(const QCommandLineParser &options)
 {
-    const QString configFile =
-        checkedText(options.configFile, QStringLiteral("the path of the configuration file"), 4000);
-    const HostPort listen = checkedHostPort(options.listen);
+    const QString configFile = checkedText(options.value(configFileOption).toStdString(),
+        QStringLiteral("the path of the configuration file"), 4000);
+    const HostPort listen = checkedHostPort(options.value(listenOption).toStdString());
+    const bool isBehindProxy = options.isSet(behindProxyOption);
     const QHostAddress address = checkedAddress(listen.host);
     // Whoever reaches the proxy comes from this machine then.
-    const bool loopbackOnly = address.isLoopback() && !options.behindProxy;
+    const bool loopbackOnly = address.isLoopback() && !isBehindProxy;
     requirePassword(configFile,
-        options.behindProxy ? QStringLiteral("with --behind-proxy")
-                            : QStringLiteral("on %1").arg(address.toString()),
+        isBehindProxy ? QStringLiteral("with --behind-proxy")
+                      : QStringLiteral("on %1").arg(address.toString()),
         loopbackOnly);
 
     const TerminationSignals terminationSignals;
     Server server;
-    if (!options.certificate.empty())
-        server.useCertificate(
-            QString::fromStdString(options.certificate), QString::fromStdString(options.key));
+    if (options.isSet(certificateOption))
+        server.useCertificate(options.value(certificateOption), options.value(keyOption));
     if (!server.listen(address, quint16(listen.port)))
         throw CommandError(QStringLiteral("cannot listen on %1: %2")
                                .arg(hostAndPort(listen.host, listen.port), server.errorString()));
-    Console console(configFile, {loopbackOnly, options.behindProxy});
+    Console console(configFile, {loopbackOnly, isBehindProxy});
     QObject::connect(&server, &Server::requested, &console, &Console::handle);
     console.start();
-    std::printf("quillon-console: %s://%s/\n", options.certificate.empty() ? "http" : "https",
+    std::printf("quillon-console: %s://%s/\n", options.isSet(certificateOption) ? "https" : "http",
         hostAndPort(listen.host, listen.port).toUtf8().constData());
     std::fflush(stdout);
     return QCoreApplication::exec();
@@ -98,10 +118,24 @@ int serve(const Options &options)
 
 int run(int argc, char *argv[])
 {
-    Options options;
-    CLI::App app("Serves a page that shows what the Quillon gateway hears and does.", "quillon-console");
-    addOptions(app, options);
-    return parseArguments(app, argc, argv) ? serve(options) : 0;
+    QCommandLineParser options;
+    addOptions(options);
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromUtf8(argv[i]));
+    options.parse(arguments);
+    if (options.isSet(helpOption)) {
+        std::fputs(options.helpText().toUtf8().constData(), stdout);
+        return 0;
+    }
+    if (options.isSet(versionOption)) {
+        std::puts("quillon-console " QUILLON_VERSION);
+        return 0;
+    }
+    const QString problem = problemOf(options);
+    if (!problem.isEmpty())
+        throw CommandError(QStringLiteral("%1; see quillon-console --help").arg(problem));
+    return serve(options);
 }
 
 } // namespace

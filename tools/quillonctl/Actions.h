@@ -18,5 +18,7 @@ void changeRadio(const ConfigFile &file, int id, const QVariantMap &columns);
 void renameRadio(const ConfigFile &file, int id, const std::string &name);
 void enableRadio(const ConfigFile &file, int id, bool enabled);
 
+/// Adds an output, with what the columns leave open empty; returns its id.
+int insertOutput(const ConfigFile &file, const QString &type, const QVariantMap &columns, bool enabled);
 /// Switches the first STREAM output on, or adds one at the usual place; returns its id.
 int addStream(const ConfigFile &file);

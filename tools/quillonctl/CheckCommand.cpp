@@ -10,6 +10,7 @@ struct CheckOptions
 {
     std::string user;
     bool json = false;
+    bool spareWorking = false;
 };
 
 void check(CommandContext &context, const CheckOptions &options)
@@ -17,7 +18,7 @@ void check(CommandContext &context, const CheckOptions &options)
     const ConfigFile file = context.open(ConfigFile::ReadOnly);
     const QJsonArray findings = findingRows(file,
         options.user.empty() ? ServiceUser::find() : ServiceUser::named(QString::fromStdString(options.user)),
-        Everything);
+        options.spareWorking ? WhatFails : Everything);
     for (const auto &finding : findings)
         context.exitCode = qMax(context.exitCode, severityOf(finding.toObject()));
     if (options.json) {
@@ -43,6 +44,8 @@ void addCheckCommand(CLI::App &app, CommandContext &context)
     const auto options = std::make_shared<CheckOptions>();
     CLI::App *command = app.add_subcommand("check", "Report what would not work, with its remedy");
     command->add_option("--user", options->user, "Take this user for the one that the daemon runs as");
+    command->add_flag(
+        "--spare-working", options->spareWorking, "Do not connect to the servers of outputs that work");
     command->add_flag("--json", options->json, "Write JSON");
     command->footer("Exit code: 0 nothing, 1 warnings only, 2 errors.");
     command->callback([&context, options] { check(context, *options); });

@@ -1,7 +1,6 @@
 #include "tools/quillonctl/Actions.h"
 #include "tools/quillonctl/Commands.h"
 
-#include "config/ConfigKeys.h"
 #include "forwarders/CloudRequests.h"
 #include "forwarders/OutboxFiles.h"
 #include "tools/quillonctl/CommandError.h"
@@ -148,22 +147,6 @@ QVariantMap columnsOf(const OutputKind &kind, const OutputOptions &options)
     return columns;
 }
 
-/// Adds a row, with what the columns leave open empty; returns its id.
-int insertOutput(const ConfigFile &file, const QString &type, const QVariantMap &given, bool enabled)
-{
-    QVariantMap columns{
-        {QStringLiteral("type"), type}, {enabledColumn, enabled}, {QStringLiteral("status"), 0}};
-    for (const char *column : {"target", "port", "secret", "context", "comment"})
-        columns[QLatin1String(column)] = QStringLiteral("");
-    for (auto column = given.begin(); column != given.end(); ++column)
-        columns[column.key()] = column.value();
-    if (migrationRemovesOutputs(systemValue(file, BDD_RELEASE_KEY)))
-        throw CommandError(
-            QStringLiteral("the file is of an older release, and the daemon would remove the output "
-                           "when it starts: start it once, then add outputs"));
-    return file.insert(table, columns);
-}
-
 void addOutput(const CommandContext &context, const OutputKind &kind, const OutputOptions &options)
 {
     const QVariantMap columns = columnsOf(kind, options);
@@ -267,19 +250,6 @@ void addListCommand(CLI::App *forwarder, CommandContext &context)
 }
 
 } // namespace
-
-int addStream(const ConfigFile &file)
-{
-    const QString type = QStringLiteral("STREAM");
-    for (const QSqlRecord &output : file.rows(table)) {
-        if (output.value(QStringLiteral("type")).toString().toUpper() != type)
-            continue;
-        const int id = output.value(QStringLiteral("ids")).toInt();
-        file.update(table, {{enabledColumn, true}}, QStringLiteral("ids"), id);
-        return id;
-    }
-    return insertOutput(file, type, StreamTarget{StreamTarget::defaultPath, {}}.columns(), true);
-}
 
 void addForwarderCommands(CLI::App &app, CommandContext &context)
 {

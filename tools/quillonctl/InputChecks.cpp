@@ -5,7 +5,6 @@
 #include "tools/quillonctl/Printer.h"
 
 #include <QHostAddress>
-#include <QRegularExpression>
 #include <QTextCodec>
 #include <QUrl>
 
@@ -23,15 +22,38 @@ QString shown(const QString &text)
     return QLatin1Char('"') + printable(text, 60) + QLatin1Char('"');
 }
 
-bool matches(const QString &text, const QString &pattern)
+bool isDigit(QChar c)
 {
-    return QRegularExpression(QRegularExpression::anchoredPattern(pattern)).match(text).hasMatch();
+    return c >= QLatin1Char('0') && c <= QLatin1Char('9');
+}
+
+bool isLabelCharacter(QChar c)
+{
+    return isDigit(c) || (c >= QLatin1Char('a') && c <= QLatin1Char('z'))
+        || (c >= QLatin1Char('A') && c <= QLatin1Char('Z')) || c == QLatin1Char('_') || c == QLatin1Char('-');
+}
+
+/// A part of a host name (RFC 1123, and underscores, which are in use).
+bool isLabel(const QString &text)
+{
+    return !text.isEmpty() && text.size() <= 63 && std::all_of(text.begin(), text.end(), isLabelCharacter)
+        && !text.startsWith(QLatin1Char('-')) && !text.endsWith(QLatin1Char('-'));
+}
+
+bool isHostName(const QString &text)
+{
+    QStringList labels = text.split(QLatin1Char('.'));
+    if (labels.size() > 1 && labels.last().isEmpty())
+        labels.removeLast();
+    const bool isNumeric =
+        std::all_of(text.begin(), text.end(), [](QChar c) { return isDigit(c) || c == QLatin1Char('.'); });
+    return text.size() <= 253 && !isNumeric && std::all_of(labels.begin(), labels.end(), isLabel);
 }
 
 /// A number of plain digits within the range, or -1.
 int number(const QString &text, int minimum, int maximum)
 {
-    if (!matches(text, QStringLiteral("[0-9]{1,10}")))
+    if (text.isEmpty() || text.size() > 10 || !std::all_of(text.begin(), text.end(), isDigit))
         return -1;
     const qlonglong value = text.toLongLong();
     return value >= minimum && value <= maximum ? int(value) : -1;
@@ -113,16 +135,19 @@ QString checkedRadioName(const std::string &argument)
 HostPort checkedHostPort(const std::string &argument)
 {
     const QString text = checkedText(argument, QStringLiteral("a target"), 300);
-    static const QRegularExpression pattern(
-        QRegularExpression::anchoredPattern(QStringLiteral(R"((?:\[([^\]]*)\]|([^:]*)):([0-9]+))")));
-    const QRegularExpressionMatch match = pattern.match(text);
-    if (!match.hasMatch())
-        throw CommandError(QStringLiteral("a target is HOST:PORT or [IPv6]:PORT, not %1").arg(shown(text)));
     const bool bracketed = text.startsWith(QLatin1Char('['));
-    HostPort result{match.captured(bracketed ? 1 : 2), number(match.captured(3), 1, 65535)};
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    const QString port = text.mid(colon + 1);
+    QString host = text.left(colon);
+    const bool closed = !bracketed || host.endsWith(QLatin1Char(']'));
+    if (bracketed)
+        host = host.mid(1).chopped(1);
+    if (colon < 0 || !closed || host.contains(QLatin1Char(bracketed ? ']' : ':')) || port.isEmpty()
+        || !std::all_of(port.begin(), port.end(), isDigit))
+        throw CommandError(QStringLiteral("a target is HOST:PORT or [IPv6]:PORT, not %1").arg(shown(text)));
+    HostPort result{host, number(port, 1, 65535)};
     if (result.port < 0)
-        throw CommandError(
-            QStringLiteral("a TCP port is a number from 1 to 65535, not %1").arg(match.captured(3)));
+        throw CommandError(QStringLiteral("a TCP port is a number from 1 to 65535, not %1").arg(port));
     if (bracketed && QHostAddress(result.host).protocol() != QAbstractSocket::IPv6Protocol)
         throw CommandError(QStringLiteral("%1 is no IPv6 address").arg(shown(result.host)));
     const QString problem = hostProblem(result.host);
@@ -159,10 +184,7 @@ QString serviceUrlProblem(const QString &url, const QStringList &schemes)
 
 QString hostProblem(const QString &host)
 {
-    const QString label = QStringLiteral("[A-Za-z0-9_]([A-Za-z0-9_-]{0,61}[A-Za-z0-9_])?");
-    const bool isName = host.size() <= 253 && matches(host, QStringLiteral(R"(%1(\.%1)*\.?)").arg(label))
-        && !matches(host, QStringLiteral("[0-9.]+"));
-    if (isName || (host.count(QLatin1Char('.')) == 3 && !QHostAddress(host).isNull())
+    if (isHostName(host) || (host.count(QLatin1Char('.')) == 3 && !QHostAddress(host).isNull())
         || QHostAddress(host).protocol() == QAbstractSocket::IPv6Protocol)
         return {};
     return QStringLiteral("%1 is neither a host name nor an address").arg(shown(host));

@@ -5,74 +5,49 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QRandomGenerator>
 #include <QTemporaryFile>
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
-#include <openssl/rand.h>
-
+#include <crypt.h>
 #include <cstdio>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-const int saltSize = 16;
-const int hashSize = 32;
 const int minimumLength = 8;
 const int maximumLength = 200;
-const quint64 maximumMemory = 67108864;
+const int saltWords = 4;
+/// N 16384, r 8 and p 1 of RFC 7914, as crypt(5) writes them.
+const QByteArray currentCost = "$7$C6..../....";
 
-/// The cost of a hash: N, r and p of RFC 7914.
-struct Cost
+/// A salt in the digits of crypt(5).
+QByteArray newSalt()
 {
-    quint64 n;
-    quint64 r;
-    quint64 p;
-};
-
-const Cost currentCost = {16384, 8, 1};
-
-struct StoredHash
-{
-    Cost cost;
-    QByteArray salt;
-    QByteArray hash;
-};
-
-/// Empty when the cost is out of bounds or memory is short.
-QByteArray scrypt(const QByteArray &password, const QByteArray &salt, const Cost &cost)
-{
-    QByteArray hash(hashSize, '\0');
-    const int done = EVP_PBE_scrypt(password.constData(), size_t(password.size()),
-        reinterpret_cast<const unsigned char *>(salt.constData()), size_t(salt.size()), cost.n, cost.r,
-        cost.p, maximumMemory, reinterpret_cast<unsigned char *>(hash.data()), size_t(hash.size()));
-    return done == 1 ? hash : QByteArray();
+    quint32 words[saltWords];
+    QRandomGenerator::system()->fillRange(words);
+    return QByteArray(reinterpret_cast<const char *>(words), sizeof words)
+        .toBase64(QByteArray::OmitTrailingEquals)
+        .replace('+', '.');
 }
 
-QByteArray lineOf(const StoredHash &stored)
+/// The hash with the cost and the salt of `setting`, which begins with them and may be a hash; empty when
+/// there can be none.
+QByteArray scrypt(const QByteArray &password, const QByteArray &setting)
 {
-    return QByteArrayList{"scrypt", QByteArray::number(stored.cost.n), QByteArray::number(stored.cost.r),
-               QByteArray::number(stored.cost.p), stored.salt.toBase64(), stored.hash.toBase64()}
-               .join('$')
-        + '\n';
-}
-
-/// A hash whose salt is empty when the line is none.
-StoredHash fromLine(const QByteArray &line)
-{
-    const QByteArrayList parts = line.trimmed().split('$');
-    if (parts.size() != 6 || parts.at(0) != "scrypt")
+    if (password.contains('\0'))
         return {};
-    const StoredHash stored{{parts.at(1).toULongLong(), parts.at(2).toULongLong(), parts.at(3).toULongLong()},
-        QByteArray::fromBase64(parts.at(4)), QByteArray::fromBase64(parts.at(5))};
-    return stored.hash.size() == hashSize ? stored : StoredHash{};
+    const auto memory = std::make_unique<crypt_data>();
+    return QByteArray(crypt_rn(password.constData(), setting.constData(), memory.get(), sizeof *memory));
 }
 
-StoredHash readHash(const QString &path)
+/// Empty when there is none of our cost: another one could take any time and memory.
+QByteArray readHash(const QString &path)
 {
     QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? fromLine(file.read(1024)) : StoredHash{};
+    const QByteArray hash = file.open(QIODevice::ReadOnly) ? file.read(1024).trimmed() : QByteArray();
+    return hash.startsWith(currentCost) ? hash : QByteArray();
 }
 
 CommandError unwritable(const QString &path, const QString &reason)
@@ -104,17 +79,15 @@ bool PasswordFile::exists() const
 
 void PasswordFile::store(const QByteArray &password) const
 {
-    StoredHash stored{currentCost, QByteArray(saltSize, '\0'), {}};
-    if (RAND_bytes(reinterpret_cast<unsigned char *>(stored.salt.data()), saltSize) == 1)
-        stored.hash = scrypt(password, stored.salt, stored.cost);
-    if (stored.hash.isEmpty())
-        throw CommandError(QStringLiteral("OpenSSL cannot hash the password"));
+    const QByteArray hash = scrypt(password, currentCost + newSalt());
+    if (hash.isEmpty())
+        throw CommandError(QStringLiteral("the password cannot be hashed: %1").arg(qt_error_string()));
     // A QSaveFile would be open to others at first: it begins with the mode of the file that it replaces.
     QTemporaryFile file(m_path + QStringLiteral(".XXXXXX"));
     if (!file.open())
         throw unwritable(m_path, file.errorString());
     giveToOwnerOf(m_configFile, file.handle());
-    const QByteArray line = lineOf(stored);
+    const QByteArray line = hash + '\n';
     if (file.write(line) != line.size() || !file.flush())
         throw unwritable(m_path, file.errorString());
     const QByteArray from = QFile::encodeName(file.fileName());
@@ -131,8 +104,10 @@ QString PasswordFile::problem() const
         return QStringLiteral("%1 does not exist").arg(m_path);
     if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0)
         return QStringLiteral("%1 is open to others: chmod 600 it").arg(m_path);
-    if (readHash(m_path).salt.isEmpty())
-        return QStringLiteral("%1 holds no password that can be read").arg(m_path);
+    if (readHash(m_path).isEmpty())
+        return QStringLiteral("%1 holds no password that can be read: set it anew with quillonctl console "
+                              "password")
+            .arg(m_path);
     return {};
 }
 
@@ -140,15 +115,25 @@ bool PasswordFile::matches(const QByteArray &password) const
 {
     if (!problem().isEmpty())
         return false;
-    const StoredHash stored = readHash(m_path);
-    const QByteArray hash = scrypt(password, stored.salt, stored.cost);
-    return hash.size() == stored.hash.size()
-        && CRYPTO_memcmp(hash.constData(), stored.hash.constData(), size_t(hash.size())) == 0;
+    const QByteArray stored = readHash(m_path);
+    const QByteArray hash = scrypt(password, stored);
+    return !hash.isEmpty() && sameSecret(hash, stored);
+}
+
+bool sameSecret(const QByteArray &a, const QByteArray &b)
+{
+    quint8 difference = a.size() == b.size() ? 0 : 1;
+    for (int i = 0; i < qMin(a.size(), b.size()); ++i)
+        difference = quint8(difference | quint8(a.at(i) ^ b.at(i)));
+    return difference == 0;
 }
 
 QByteArray checkedPassword(const QByteArray &password)
 {
     checkedText(password.toStdString(), QStringLiteral("a password"), maximumLength);
+    if (password.size() >= CRYPT_MAX_PASSPHRASE_SIZE)
+        throw CommandError(
+            QStringLiteral("a password has less than %1 bytes").arg(CRYPT_MAX_PASSPHRASE_SIZE));
     if (QString::fromUtf8(password).size() < minimumLength)
         throw CommandError(QStringLiteral("a password has at least %1 characters").arg(minimumLength));
     return password;

@@ -4,7 +4,7 @@
 #include <QString>
 
 /// The console's password: a salted scrypt hash (RFC 7914) in a file of its own beside the configuration,
-/// mode 0600. A line "scrypt$N$r$p$SALT$HASH", the last two in base64.
+/// mode 0600. A line as crypt(5) has it, "$7$COST$HASH", with the salt behind the cost.
 class PasswordFile
 {
 public:
@@ -25,6 +25,9 @@ private:
     const QString m_configFile;
     const QString m_path;
 };
+
+/// Whether two secrets are the same, in a time that tells nothing about where they differ.
+bool sameSecret(const QByteArray &a, const QByteArray &b);
 
 /// The password, when it has a length that is taken; throws CommandError otherwise.
 QByteArray checkedPassword(const QByteArray &password);

@@ -4,8 +4,6 @@
 #include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Printer.h"
 
-#include <CLI/Config.hpp>
-#include <CLI/Formatter.hpp>
 #include <QCoreApplication>
 #include <QTextCodec>
 
@@ -42,6 +40,10 @@ int runProgram(const char *name, int argc, char *argv[], int (*run)(int argc, ch
     const QCoreApplication application(ownArgument, argv);
     QCoreApplication::setApplicationName(QString::fromLatin1(name));
     try {
+        for (int i = 1; i < argc; ++i) {
+            if (!isUtf8(argv[i]))
+                throw CommandError(QStringLiteral("argument %1 is not UTF-8 text").arg(i));
+        }
         return run(argc, argv);
     } catch (const CommandError &error) {
         printError(error.message());
@@ -49,23 +51,4 @@ int runProgram(const char *name, int argc, char *argv[], int (*run)(int argc, ch
         printError(QString::fromUtf8(error.what()));
     }
     return failureCode;
-}
-
-bool parseArguments(CLI::App &app, int argc, char *argv[])
-{
-    for (int i = 1; i < argc; ++i) {
-        if (!isUtf8(argv[i]))
-            throw CommandError(QStringLiteral("argument %1 is not UTF-8 text").arg(i));
-    }
-    try {
-        app.parse(argc, argv);
-        return true;
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() != 0)
-            throw CommandError(
-                QStringLiteral("%1; see %2 --help")
-                    .arg(QString::fromUtf8(error.what()), QCoreApplication::applicationName()));
-        app.exit(error); // prints the help or the version
-        return false;
-    }
 }

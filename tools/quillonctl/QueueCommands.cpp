@@ -2,17 +2,13 @@
 #include "tools/quillonctl/Commands.h"
 
 #include "tools/quillonctl/CommandError.h"
-#include "tools/quillonctl/InputChecks.h"
 #include "tools/quillonctl/Listing.h"
-#include "tools/quillonctl/ServiceUser.h"
 
 #include <memory>
 
 namespace {
 
 const QString table = QStringLiteral("pending_actions");
-const QString commandColumn = QStringLiteral("command");
-const QString displayPrefix = QStringLiteral("DISP,");
 const int displayWidth = 12;
 
 struct QueueOptions
@@ -21,13 +17,6 @@ struct QueueOptions
     bool yes = false;
     bool json = false;
 };
-
-/// What is left of a text on its way to the displays: the daemon takes the command in capitals and removes
-/// its prefix, wherever it stands, and double quotes.
-QString displayedText(const QString &text)
-{
-    return text.toUpper().remove(displayPrefix).remove(QLatin1Char('"'));
-}
 
 void say(const CommandContext &context, const QueueOptions &options)
 {
@@ -80,37 +69,7 @@ void addPendingCommands(CLI::App &app, CommandContext &context)
     clear->callback([&context] { clearPending(context); });
 }
 
-/// As root an action would still find room; the daemon could not take it back, and would carry it out again
-/// and again.
-void requireRoom(const ConfigFile &file)
-{
-    if (ServiceUser::find().isDiskFull(file.path()))
-        throw CommandError(QStringLiteral("the disk of %1 is full").arg(file.path()));
-}
-
 } // namespace
-
-QString queueText(const ConfigFile &file, const std::string &argument)
-{
-    const QString text = checkedText(argument, QStringLiteral("a text"), 200);
-    QString displayed = displayedText(text);
-    if (displayed.trimmed().isEmpty())
-        throw CommandError(QStringLiteral("nothing of this text would reach a display"));
-    requireRoom(file);
-    file.insert(table, {{commandColumn, displayPrefix + text}});
-    return displayed;
-}
-
-bool queueOnce(const ConfigFile &file, const QString &command)
-{
-    requireRoom(file);
-    return file.insertUnlessPresent(table, {{commandColumn, command}}, commandColumn) > 0;
-}
-
-bool queueRestart(const ConfigFile &file)
-{
-    return queueOnce(file, QStringLiteral("RESTART_APP"));
-}
 
 void addQueueCommands(CLI::App &app, CommandContext &context)
 {

@@ -221,22 +221,6 @@ void addSetCommand(CLI::App *radio, CommandContext &context)
 
 } // namespace
 
-void changeRadio(const ConfigFile &file, int id, const QVariantMap &columns)
-{
-    if (file.update(table, columns, QStringLiteral("ids"), id) == 0)
-        throw CommandError(QStringLiteral("there is no radio with the id %1").arg(id));
-}
-
-void renameRadio(const ConfigFile &file, int id, const std::string &name)
-{
-    changeRadio(file, id, {{nameColumn, checkedRadioName(name)}});
-}
-
-void enableRadio(const ConfigFile &file, int id, bool enabled)
-{
-    changeRadio(file, id, {{enabledColumn, enabled}});
-}
-
 void addRadioCommands(CLI::App &app, CommandContext &context)
 {
     CLI::App *radio = app.add_subcommand("radio", "List, add and change radios");

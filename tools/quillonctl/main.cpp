@@ -1,6 +1,8 @@
+#include "tools/quillonctl/CommandError.h"
 #include "tools/quillonctl/Commands.h"
 #include "tools/quillonctl/Program.h"
 
+#include <QCoreApplication>
 #include <QFileInfo>
 
 namespace {
@@ -40,6 +42,23 @@ void addCommands(CLI::App &app, CommandContext &context)
     addInitCommand(app, context);
     addCheckCommand(app, context);
     addConsoleCommands(app, context);
+}
+
+/// Takes the command line, in UTF-8. False when it asked for the help or the version, which are printed then;
+/// throws CommandError when it is wrong.
+bool parseArguments(CLI::App &app, int argc, char *argv[])
+{
+    try {
+        app.parse(argc, argv);
+        return true;
+    } catch (const CLI::ParseError &error) {
+        if (error.get_exit_code() != 0)
+            throw CommandError(
+                QStringLiteral("%1; see %2 --help")
+                    .arg(QString::fromUtf8(error.what()), QCoreApplication::applicationName()));
+        app.exit(error); // prints the help or the version
+        return false;
+    }
 }
 
 int run(int argc, char *argv[])
