@@ -112,7 +112,7 @@ class Process:
     def cpu_seconds(self):
         with open(f"/proc/{self.process.pid}/stat", "rb") as file:
             fields = file.read().rsplit(b")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / TICKS
+        return sum(int(field) for field in fields[11:15]) / TICKS  # the last two are those of ended children
 
     def status(self, key):
         """A number of /proc/PID/status: VmRSS (KiB), voluntary_ctxt_switches and the like."""

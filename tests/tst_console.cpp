@@ -18,6 +18,8 @@ private slots:
     void outlivesAShortageOfDescriptors();
     void stateHasWhatQuillonctlShows();
     void stateWaitsForNoServer();
+    void tellsWhenItCannotCheck_data();
+    void tellsWhenItCannotCheck();
 };
 
 void TestConsole::answers_data()
@@ -105,6 +107,9 @@ void TestConsole::refusesToStart_data()
     QTest::newRow("proxy") << "--listen 127.0.0.1:%1 --behind-proxy"_s << QByteArray("with --behind-proxy");
     QTest::newRow("name") << "--listen example.org:%1"_s << QByteArray("not the name");
     QTest::newRow("no port") << "--listen 127.0.0.1"_s << QByteArray("HOST:PORT");
+    QTest::newRow("bracket") << "--listen [:%1"_s << QByteArray("HOST:PORT");
+    QTest::newRow("twice") << "--listen 127.0.0.1:%1 --listen 127.0.0.2:%1"_s << QByteArray("twice");
+    QTest::newRow("surplus") << "127.0.0.1:%1"_s << QByteArray("127.0.0.1");
     QTest::newRow("no key") << "--certificate /dev/null"_s << QByteArray("--key");
     QTest::newRow("no certificate") << "--certificate /dev/null --key /dev/null"_s
                                     << QByteArray("no certificate");
@@ -201,6 +206,31 @@ void TestConsole::stateWaitsForNoServer()
     QCOMPARE(state.value("checked"_s).toString(), QString());
     QCOMPARE(state.value("outputs"_s).toArray().size(), 4);
     QVERIFY(follower.waitFor("cannot be reached", 10000));
+}
+
+void TestConsole::tellsWhenItCannotCheck_data()
+{
+    QTest::addColumn<QByteArray>("script");
+    QTest::addColumn<QByteArray>("reason");
+    QTest::newRow("missing") << QByteArray() << QByteArray("execvp: No such file or directory");
+    QTest::newRow("killed") << QByteArray("kill -9 $$") << QByteArray("Process crashed");
+    QTest::newRow("cut") << QByteArray("echo [; exit 1") << QByteArray("exit code 1");
+}
+
+void TestConsole::tellsWhenItCannotCheck()
+{
+    QFETCH(QByteArray, script);
+    QFETCH(QByteArray, reason);
+    QVERIFY(QFile::copy(QUILLON_BIN_DIR "/quillon-console"_s, m_file->file("quillon-console"_s)));
+    QFile program(m_file->file("quillonctl"_s));
+    if (!script.isEmpty())
+        QVERIFY(program.open(QIODevice::WriteOnly) && program.write("#!/bin/sh\n" + script) > 0
+            && program.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+    program.close();
+    start({}, QFileInfo(program).path());
+    const QJsonArray findings = bodyOf(ask(get("/api/state"))).value("findings"_s).toArray();
+    QVERIFY2(QJsonDocument(findings).toJson().contains("quillonctl check failed: " + reason),
+        QJsonDocument(findings).toJson());
 }
 
 QTEST_GUILESS_MAIN(TestConsole)

@@ -173,8 +173,11 @@ void TestConsoleAccess::passwordFile()
     setPassword();
     QVERIFY(m_file->readFile("quillon.sqlite.console-password"_s) != line); // another salt
 
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::ReadGroup);
     const PasswordFile opened(m_file->path());
+    QVERIFY(opened.problem().isEmpty() && opened.matches(password));
+    QVERIFY(QFile::resize(path, 60));
+    QVERIFY(opened.problem().contains("set it anew"_s));
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::ReadGroup);
     QVERIFY(!opened.matches(password));
     QVERIFY(opened.problem().contains("chmod 600"_s));
 }

@@ -105,11 +105,11 @@ private slots:
     }
 
 protected:
-    void start(const QStringList &options = {})
+    void start(const QStringList &options = {}, const QString &folder = QUILLON_BIN_DIR ""_s)
     {
         m_console = std::make_unique<QProcess>();
         m_console->setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_console->start(QUILLON_BIN_DIR "/quillon-console"_s,
+        m_console->start(folder + "/quillon-console"_s,
             QStringList{"-c"_s, m_file->path(), "--listen"_s, "127.0.0.1:%1"_s.arg(m_port)} + options);
         QVERIFY(m_console->waitForReadyRead());
     }

@@ -7,6 +7,8 @@ namespace {
 const int lookMs = 1000;
 /// A change of the file often comes in several steps.
 const int settleMs = 150;
+/// Rows may change every second while radios are identified, and each check is a process.
+const int changeMs = 3000;
 /// What changes without the file: devices, servers, what waits in an outbox.
 const int checkMs = 30 * 1000;
 
@@ -25,6 +27,9 @@ Box::Box(const QString &configFile, QThreadPool &pool, QObject *parent)
     connect(&m_readTimer, &QTimer::timeout, this, &Box::readFile);
     m_checkTimer.setInterval(checkMs);
     connect(&m_checkTimer, &QTimer::timeout, &m_check, &Check::start);
+    m_changeTimer.setSingleShot(true);
+    m_changeTimer.setInterval(changeMs);
+    connect(&m_changeTimer, &QTimer::timeout, &m_check, &Check::start);
     connect(&m_check, &Check::finished, this, &Box::readFile);
 }
 
@@ -78,7 +83,7 @@ void Box::readFile()
             m_stamp = stamp;
             take(snapshot);
             if (changed && m_watched)
-                m_check.start();
+                m_changeTimer.start();
         });
     });
 }

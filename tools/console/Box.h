@@ -52,6 +52,7 @@ private:
     QTimer m_lookTimer;
     QTimer m_readTimer;
     QTimer m_checkTimer;
+    QTimer m_changeTimer;
     bool m_watched = false;
     bool m_reading = false;
 };

@@ -7,7 +7,8 @@
 
 namespace {
 
-const int deadlineMs = 120 * 1000;
+const int deadlineMs = 600 * 1000;
+const int unreadableCode = 2; ///< nothing was printed then: the file could not be read
 const int recentSeconds = 60;
 
 } // namespace
@@ -17,12 +18,16 @@ Check::Check(const QString &configFile, QObject *parent) : QObject(parent)
     m_process.setProgram(QCoreApplication::applicationDirPath() + QStringLiteral("/quillonctl"));
     m_process.setArguments({QStringLiteral("--configfile"), configFile, QStringLiteral("check"),
         QStringLiteral("--json"), QStringLiteral("--spare-working")});
-    m_process.setStandardErrorFile(QProcess::nullDevice()); // reading the file tells the same
+    m_process.setStandardErrorFile(
+        QProcess::nullDevice()); // what keeps a file from being read is told anyway
     m_deadline.setSingleShot(true);
     m_deadline.setInterval(deadlineMs);
     connect(&m_deadline, &QTimer::timeout, &m_process, &QProcess::kill);
     connect(&m_process, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), this, &Check::take);
-    connect(&m_process, &QProcess::errorOccurred, this, &Check::tellThatItIsMissing);
+    connect(&m_process, &QProcess::errorOccurred, this, [this](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            fail(m_process.errorString());
+    });
 }
 
 Check::~Check()
@@ -46,23 +51,30 @@ bool Check::isRecent() const
     return m_findings.checked.isValid() && age >= 0 && age < recentSeconds;
 }
 
-void Check::take()
+void Check::take(int exitCode, QProcess::ExitStatus status)
+{
+    const QJsonDocument found = QJsonDocument::fromJson(m_process.readAllStandardOutput());
+    if (status == QProcess::CrashExit)
+        fail(m_process.errorString());
+    else if (found.isArray())
+        end({found.array(), QDateTime::currentDateTimeUtc()});
+    else if (exitCode == unreadableCode)
+        end({});
+    else
+        fail(QStringLiteral("exit code %1").arg(exitCode));
+}
+
+void Check::end(const Findings &findings)
 {
     m_deadline.stop();
-    const QJsonDocument found = QJsonDocument::fromJson(m_process.readAllStandardOutput());
-    m_findings = found.isArray() ? Findings{found.array(), QDateTime::currentDateTimeUtc()} : Findings{};
+    m_findings = findings;
     emit finished();
 }
 
-void Check::tellThatItIsMissing(QProcess::ProcessError error)
+void Check::fail(const QString &reason)
 {
-    if (error != QProcess::FailedToStart)
-        return;
-    m_deadline.stop();
-    m_findings = {
-        {errorFinding(QStringLiteral("console"),
-            QStringLiteral("%1 cannot be started: %2").arg(m_process.program(), m_process.errorString()),
-            QStringLiteral("install it beside quillon-console"))},
-        QDateTime::currentDateTimeUtc()};
-    emit finished();
+    const QJsonObject finding =
+        errorFinding(QStringLiteral("console"), QStringLiteral("quillonctl check failed: %1").arg(reason),
+            QStringLiteral("see whether quillonctl stands beside quillon-console, and try it there"));
+    end({{finding}, QDateTime::currentDateTimeUtc()});
 }

@@ -5,8 +5,8 @@
 #include <QProcess>
 #include <QTimer>
 
-/// Has quillonctl look for what is wrong. It is a process of its own: it waits for servers, and OpenSSL,
-/// which it signs with, would stay in memory.
+/// Has the quillonctl beside this program look for what is wrong. It is a process of its own: it waits for
+/// servers, and OpenSSL, which it signs with, would stay in memory.
 class Check : public QObject
 {
     Q_OBJECT
@@ -33,8 +33,10 @@ signals:
     void finished();
 
 private:
-    void take();
-    void tellThatItIsMissing(QProcess::ProcessError error);
+    void take(int exitCode, QProcess::ExitStatus status);
+    void end(const Findings &findings);
+    /// Ends with the one finding that no check was possible.
+    void fail(const QString &reason);
 
     QProcess m_process;
     QTimer m_deadline;

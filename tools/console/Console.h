@@ -5,7 +5,7 @@
 #include "tools/console/Connection.h"
 #include "tools/console/EventHub.h"
 
-/// Answers requests: the page, and what stands under /api. What may wait for a file, a server or a hash runs
+/// Answers requests: the page, and what stands under /api. What may wait for a file or a hash runs
 /// on a thread of the pool, and its answer follows.
 class Console : public QObject
 {

@@ -59,6 +59,10 @@ QString problemOf(const QCommandLineParser &options)
         return QStringLiteral("nothing is known to do with %1").arg(surplus.first());
     if (!options.isSet(configFileOption))
         return QStringLiteral("--configfile is required");
+    for (const QString &name : {configFileOption, listenOption, certificateOption, keyOption}) {
+        if (options.values(name).size() > 1)
+            return QStringLiteral("--%1 is given twice").arg(name);
+    }
     if (options.isSet(certificateOption) != options.isSet(keyOption))
         return QStringLiteral("--certificate and --key need each other");
     return {};

@@ -141,7 +141,7 @@ HostPort checkedHostPort(const std::string &argument)
     QString host = text.left(colon);
     const bool closed = !bracketed || host.endsWith(QLatin1Char(']'));
     if (bracketed)
-        host = host.mid(1).chopped(1);
+        host = host.mid(1, host.size() - 2);
     if (colon < 0 || !closed || host.contains(QLatin1Char(bracketed ? ']' : ':')) || port.isEmpty()
         || !std::all_of(port.begin(), port.end(), isDigit))
         throw CommandError(QStringLiteral("a target is HOST:PORT or [IPv6]:PORT, not %1").arg(shown(text)));

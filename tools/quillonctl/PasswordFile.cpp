@@ -21,6 +21,7 @@ const int maximumLength = 200;
 const int saltWords = 4;
 /// N 16384, r 8 and p 1 of RFC 7914, as crypt(5) writes them.
 const QByteArray currentCost = "$7$C6..../....";
+const int hashLength = 80; ///< with the cost, a salt of 22 digits, "$" and 43 digits
 
 /// A salt in the digits of crypt(5).
 QByteArray newSalt()
@@ -42,12 +43,12 @@ QByteArray scrypt(const QByteArray &password, const QByteArray &setting)
     return QByteArray(crypt_rn(password.constData(), setting.constData(), memory.get(), sizeof *memory));
 }
 
-/// Empty when there is none of our cost: another one could take any time and memory.
+/// Empty when there is none of our cost, whole: another one could take any time and memory.
 QByteArray readHash(const QString &path)
 {
     QFile file(path);
     const QByteArray hash = file.open(QIODevice::ReadOnly) ? file.read(1024).trimmed() : QByteArray();
-    return hash.startsWith(currentCost) ? hash : QByteArray();
+    return hash.startsWith(currentCost) && hash.size() == hashLength ? hash : QByteArray();
 }
 
 CommandError unwritable(const QString &path, const QString &reason)
@@ -133,7 +134,7 @@ QByteArray checkedPassword(const QByteArray &password)
     checkedText(password.toStdString(), QStringLiteral("a password"), maximumLength);
     if (password.size() >= CRYPT_MAX_PASSPHRASE_SIZE)
         throw CommandError(
-            QStringLiteral("a password has less than %1 bytes").arg(CRYPT_MAX_PASSPHRASE_SIZE));
+            QStringLiteral("a password must have less than %1 bytes").arg(CRYPT_MAX_PASSPHRASE_SIZE));
     if (QString::fromUtf8(password).size() < minimumLength)
         throw CommandError(QStringLiteral("a password has at least %1 characters").arg(minimumLength));
     return password;

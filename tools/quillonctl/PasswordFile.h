@@ -4,7 +4,7 @@
 #include <QString>
 
 /// The console's password: a salted scrypt hash (RFC 7914) in a file of its own beside the configuration,
-/// mode 0600. A line as crypt(5) has it, "$7$COST$HASH", with the salt behind the cost.
+/// mode 0600. A line as crypt(5) has it, "$7$", cost and salt, "$" and the hash.
 class PasswordFile
 {
 public:
