@@ -47,9 +47,6 @@ void GcpDataForwarder::reconnect()
 
     const DataForwarderConfig config = configuration();
     const ServiceAccount account(config.secret);
-    m_topic = config.context;
-    m_endpoint = pubSubEndpoint(config.target);
-    m_projectId = account.projectId();
     const QByteArray assertion = account.signedAssertion(QDateTime::currentSecsSinceEpoch(), m_tokenLifetime);
     if (assertion.isEmpty()) {
         qInfo() << "Unable to parse private key - check GCP secret in configuration";
@@ -58,8 +55,13 @@ void GcpDataForwarder::reconnect()
     QString problem = endpointProblem(config.target);
     if (problem.isEmpty())
         problem = tokenUriProblem(account.tokenUri());
-    if (!isRefused(problem))
-        requestToken(account.tokenUri(), assertion);
+    if (isRefused(problem))
+        return;
+    // Not from a row that is unusable for now: an earlier request may still bring a token.
+    m_topic = config.context;
+    m_endpoint = pubSubEndpoint(config.target);
+    m_projectId = account.projectId();
+    requestToken(account.tokenUri(), assertion);
 }
 
 /// Logs what is wrong with an address once, however often a token is wanted.

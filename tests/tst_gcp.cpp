@@ -97,6 +97,7 @@ private slots:
     void asksForATokenAndPublishes();
     void postponedMessagesOutliveTheirRadio();
     void withoutATokenMessagesWait();
+    void keepsItsAddress();
     void asksAgain();
 
 private:
@@ -324,6 +325,23 @@ void TestGcp::losesNothingThatWaits()
     QTRY_COMPARE(log.count("GcpDataForwarder : Unhandled HTTP response : code= 0"_s), 6);
     say(40, 40);
     QVERIFY2(log.text().endsWith("( 2 )"_s), qPrintable(log.text()));
+}
+
+/// The row is gone for a moment, while a token is on its way.
+void TestGcp::keepsItsAddress()
+{
+    Output output(m_file, m_certificates, m_key);
+    output.server.answers["/token"].delay = 500;
+    output.reconnect();
+    QTRY_COMPARE(output.tokenRequests(), 1);
+    QMetaObject::invokeMethod(output.forwarder.get(), "abortReconnect");
+    output.configure({}, {});
+    LogCapture log;
+    output.reconnect();
+    QCOMPARE(log.count("Unable to parse"_s), 1);
+    QTest::qWait(1200);
+    output.say("live");
+    QTRY_COMPARE(output.published(), QStringList("live"_s));
 }
 
 void TestGcp::asksAgain()
