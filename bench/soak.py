@@ -63,6 +63,7 @@ class Soak:
         self.stops = []  # s that each end of the daemon took
         self.restarting = threading.Lock()
         self.is_sending = threading.Event()
+        self.is_enough = threading.Event()  # no more faults: the report is wanted
         self.is_over = False
 
     def mount(self):
@@ -186,7 +187,7 @@ class Soak:
         end = time.monotonic() + seconds
         threads = {}  # by kind
         next_restart = time.monotonic() + self.random.uniform(60, 120)
-        while time.monotonic() < end and not self.problems:
+        while time.monotonic() < end and not self.problems and not self.is_enough.is_set():
             time.sleep(self.random.uniform(0.5, 3))
             family = self.random.choice(families)
             if time.monotonic() > next_restart and faults.kinds["daemon"]:
@@ -241,7 +242,9 @@ class Soak:
         wait_for(self.radios.all_ready, 90, "identified radios")
         wait_for(lambda: all(self.daemon.connections(sink.port) for sink in self.sinks.values()), 30, "connections")
         self.is_sending.set()
+        begin = time.monotonic()
         self.throw_faults(self.arguments.seconds)
+        self.arguments.seconds = time.monotonic() - begin
         wait_for(self.radios.all_ready, 120, "identified radios after the last fault")
         time.sleep(15)
         self.is_sending.clear()
@@ -320,7 +323,8 @@ def main():
     parser.add_argument("--bin", required=True, help=argparse.SUPPRESS)
     parser.add_argument("--isolated", action="store_true", help=argparse.SUPPRESS)
     parser.add_argument("--preset", default="release", help="build to run, such as asan (release)")
-    parser.add_argument("--hours", type=float, default=0.05, help="length of the faults (0.05: three minutes)")
+    parser.add_argument("--hours", type=float, default=0.05,
+                        help="length of the faults (0.05: three minutes); SIGUSR1 ends them earlier")
     parser.add_argument("--seed", type=int, default=int(time.time()), help="which faults come when")
     parser.add_argument("--line-seconds", type=int, default=90, help="length of the check at line rate (90)")
     parser.add_argument("--without", default="", metavar="KINDS", help="leave out outputs or the console: GCP,console")
@@ -335,6 +339,7 @@ def main():
     print(f"soak: seed {arguments.seed}, {arguments.seconds:.0f} s of faults, about two minutes more around them",
           flush=True)
     soak = Soak(arguments)
+    signal.signal(signal.SIGUSR1, lambda *_: soak.is_enough.set())
     try:
         return soak.run()
     except Exception as error:
