@@ -32,7 +32,7 @@ QString problemOf(const DataForwarderConfig &row, const QString &tokenUri, const
 } // namespace
 
 AccessToken::AccessToken(QNetworkAccessManager *network, ServerClock *clock, Row row, int timeout)
-    : m_network(network), m_clock(clock), m_row(std::move(row)), m_timeout(timeout)
+    : m_network(network), m_clock(clock), m_row(std::move(row)), m_patience(timeout)
 {
     m_renewal.setSingleShot(true);
     connect(&m_renewal, &QTimer::timeout, this, &AccessToken::request);
@@ -66,7 +66,7 @@ void AccessToken::post(const QString &tokenUri, const QByteArray &assertion)
     request.setRawHeader("Accept-Encoding", "identity"); // so that the limit holds for what is unpacked, too
     QNetworkReply *reply = m_network->post(request, tokenRequestBody(assertion));
     limitAnswer(reply);
-    QTimer::singleShot(m_timeout, reply, &QNetworkReply::abort);
+    QTimer::singleShot(m_patience.ms(), reply, &QNetworkReply::abort);
     connect(reply, &QNetworkReply::finished, this, [this, reply] { finish(reply); });
 }
 
@@ -79,9 +79,12 @@ void AccessToken::finish(QNetworkReply *reply)
     const QByteArray answer = answerOf(reply);
     if (code == 200 && take(answer)) {
         m_signedAgain = false;
+        m_patience.reset();
         emit obtained();
         return;
     }
+    if (reply->error() == QNetworkReply::OperationCanceledError)
+        m_patience.lengthen();
     m_signedAgain = !m_signedAgain && code != 0 && m_clock->isFarOff(m_signedAt);
     if (m_signedAgain) {
         request(); // signed with the server's time it may be taken

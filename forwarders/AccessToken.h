@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/DataForwarderConfig.h"
+#include "forwarders/Patience.h"
 #include "forwarders/ServerClock.h"
 
 #include <QElapsedTimer>
@@ -22,7 +23,7 @@ class AccessToken : public QObject
 public:
     using Row = std::function<DataForwarderConfig()>;
 
-    /// `row` yields the output's row as it stands; `timeout` is how long the server may take, in ms.
+    /// `row` yields the output's row as it stands; `timeout` is how long the server may take at first, in ms.
     AccessToken(QNetworkAccessManager *network, ServerClock *clock, Row row, int timeout);
 
     /// Empty while none is held.
@@ -58,7 +59,7 @@ private:
     QNetworkAccessManager *const m_network;
     ServerClock *const m_clock;
     const Row m_row;
-    const int m_timeout;
+    Patience m_patience;
     Destination m_destination;
     Destination m_requested; // what counts when the token is there: no token goes where another row says
     QByteArray m_value;

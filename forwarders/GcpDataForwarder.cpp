@@ -55,13 +55,9 @@ void GcpDataForwarder::reconnect()
     QString problem = endpointProblem(config.target);
     if (problem.isEmpty())
         problem = tokenUriProblem(account.tokenUri());
-    if (isRefused(problem))
-        return;
-    // Not from a row that is unusable for now: an earlier request may still bring a token.
-    m_topic = config.context;
-    m_endpoint = pubSubEndpoint(config.target);
-    m_projectId = account.projectId();
-    requestToken(account.tokenUri(), assertion);
+    if (!isRefused(problem))
+        requestToken(account.tokenUri(), assertion,
+            {account.projectId(), config.context, pubSubEndpoint(config.target)});
 }
 
 /// Logs what is wrong with an address once, however often a token is wanted.
@@ -78,9 +74,11 @@ void GcpDataForwarder::abortReconnect()
     m_reconnecting = false;
 }
 
-void GcpDataForwarder::requestToken(const QString &tokenUri, const QByteArray &assertion)
+void GcpDataForwarder::requestToken(
+    const QString &tokenUri, const QByteArray &assertion, const Destination &destination)
 {
     QNetworkReply *reply = m_networkManager->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
+    m_requested.insert(reply, destination);
     QTimer::singleShot(m_patience, reply, &QNetworkReply::abort);
     limitAnswer(reply);
 }
@@ -89,6 +87,7 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
 {
     reply->deleteLater();
     const bool isPublish = m_publishQueue.remove(reply);
+    const Destination requested = m_requested.take(reply);
     const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     const bool hasToken = m_tokenState == Ready;
     if (code != 200) {
@@ -97,7 +96,8 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
         if (isPublish || !hasToken)
             loseToken();
     } else if (!isPublish) {
-        takeToken(reply->readAll());
+        if (!hasToken) // else a later request has overtaken this one
+            takeToken(reply->readAll(), requested);
     } else if (hasToken) {
         m_reconnecting = false;
         setStatus(DataForwarderConfig::Working);
@@ -106,7 +106,7 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
     m_publishQueue.postWaiting();
 }
 
-void GcpDataForwarder::takeToken(const QByteArray &answer)
+void GcpDataForwarder::takeToken(const QByteArray &answer, const Destination &destination)
 {
     const auto token = accessToken(answer);
     if (!token) {
@@ -114,6 +114,7 @@ void GcpDataForwarder::takeToken(const QByteArray &answer)
         return;
     }
     m_bearerToken = *token;
+    m_destination = destination;
     m_tokenState = Ready;
 }
 
@@ -180,7 +181,8 @@ QNetworkReply *GcpDataForwarder::post(const CloudMessage &message)
 {
     const QByteArray data = ServiceAccount::toBase64Url(message.toJson(CloudOwner::read()));
     QNetworkRequest request =
-        cloudRequest(publishUrl(m_endpoint, m_projectId, m_topic), QStringLiteral("application/json"));
+        cloudRequest(publishUrl(m_destination.endpoint, m_destination.projectId, m_destination.topic),
+            QStringLiteral("application/json"));
     request.setRawHeader("Authorization", "Bearer " + m_bearerToken);
     // Single quotes as they are, on purpose.
     QNetworkReply *reply = m_networkManager->post(request, "{'messages':[{'data':'" + data + "'}]}");

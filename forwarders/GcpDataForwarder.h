@@ -4,6 +4,7 @@
 #include "forwarders/DataForwarder.h"
 #include "forwarders/PublishQueue.h"
 
+#include <QHash>
 #include <QList>
 #include <QNetworkAccessManager>
 #include <QUrl>
@@ -39,18 +40,24 @@ private:
         RequestFailed = 2,
     };
 
+    struct Destination
+    {
+        QString projectId;
+        QString topic;
+        QUrl endpoint;
+    };
+
     bool isRefused(const QString &problem);
-    void requestToken(const QString &tokenUri, const QByteArray &assertion);
-    void takeToken(const QByteArray &answer);
+    void requestToken(const QString &tokenUri, const QByteArray &assertion, const Destination &destination);
+    void takeToken(const QByteArray &answer, const Destination &destination);
     static void logRefusal(int code, const QString &reason);
     void loseToken();
     void publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed);
     void publish(CloudMessage message);
     QNetworkReply *post(const CloudMessage &message);
 
-    QString m_projectId;
-    QString m_topic;
-    QUrl m_endpoint;
+    Destination m_destination;
+    QHash<const QNetworkReply *, Destination> m_requested; // where each token under way is good for
     QString m_refusal; // the one that was logged last
     QByteArray m_bearerToken;
     bool m_reconnecting = false;

@@ -192,10 +192,10 @@ void Outbox::readState()
     m_reserved = m_next;
 }
 
-qint64 Outbox::lastStored()
+std::optional<qint64> Outbox::lastStored()
 {
-    if (!m_connection)
-        attempt(ReadsAgain, [] {});
+    if (!m_connection && !attempt(ReadsAgain, [] {}))
+        return {};
     return m_lastStored;
 }
 

@@ -61,8 +61,8 @@ public:
     /// A number greater than every one before, none of them used twice, whatever happens to this process.
     /// 0 while the file cannot be written.
     qint64 nextSequence();
-    /// The greatest number in the file, 0 when it is empty.
-    qint64 lastStored();
+    /// The greatest number in the file, 0 when it is empty. Nothing while the file cannot be opened.
+    std::optional<qint64> lastStored();
 
     /// Carries out a change as a whole or not at all; then the oldest messages go until the file keeps its
     /// limit. Returns how many those are, or nothing when the file cannot be written.

@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr qint64 usualLimit = 256; // MiB
 constexpr qint64 greatestLimit = 1024LL * 1024; // MiB
 constexpr qint64 settingsLifetime = 1000; // ms
 constexpr qint64 settingsRest = 60000; // ms, after the file could not be read
@@ -17,7 +16,7 @@ constexpr qint64 settingsRest = 60000; // ms, after the file could not be read
 PubSubDataForwarder::PubSubDataForwarder(QObject *parent, int id, const PublisherTimes &times)
     : DataForwarder(parent, id), m_queue(outboxPath(ConfigDatabase::getInstance()->path(), id)),
       m_publisher(
-          &m_queue, [this] { return configuration(); }, times)
+          &m_queue, [this] { return readRow(); }, times)
 {
     setStatus(m_status);
     refreshSettings();
@@ -34,6 +33,7 @@ PubSubDataForwarder::PubSubDataForwarder(QObject *parent, int id, const Publishe
         showResult(accepted);
         scheduleWrite();
     });
+    connect(&m_publisher, &PubSubPublisher::outboxFailed, this, &PubSubDataForwarder::scheduleWrite);
     m_sendTimer.setSingleShot(true);
     connect(&m_sendTimer, &QTimer::timeout, &m_publisher, &PubSubPublisher::publish);
     connect(LongWait::getInstance(), &LongWait::begins, this, [this] { m_queue.writeAll(); });
@@ -75,9 +75,20 @@ void PubSubDataForwarder::refreshSettings()
     const bool wereRead = refresh(OWNER_EMAIL_KEY, &m_owner.email)
         && refresh(OWNER_DEPT_KEY, &m_owner.department) && refresh(OUTBOX_LIMIT_KEY, &m_limit);
     m_settingsLifetime = wereRead || m_limit.isNull() ? settingsLifetime : settingsRest;
+    // A file that is made anew has no such key, and must not cost what an outage has gathered.
     const qint64 limit = m_limit.toLongLong(); // 0 when it is no number
-    m_queue.setLimit((limit > 0 && limit <= greatestLimit ? limit : usualLimit) * 1024 * 1024);
+    if (limit > 0 && limit <= greatestLimit)
+        m_queue.setLimit(limit * 1024 * 1024);
     m_settingsAge.start();
+}
+
+/// The row as it stands. One that was restored from a copy may tell another status.
+DataForwarderConfig PubSubDataForwarder::readRow()
+{
+    DataForwarderConfig row = configuration();
+    if (row.ids >= 0 && row.status != m_status)
+        keepStatus(m_status);
+    return row;
 }
 
 /// What came of the last request.

@@ -24,6 +24,7 @@ public slots:
 private:
     void add(const CloudMessage &message);
     void refreshSettings();
+    DataForwarderConfig readRow();
     void write();
     void scheduleWrite();
     void showResult(bool accepted);

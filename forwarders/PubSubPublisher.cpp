@@ -18,7 +18,7 @@ constexpr int smallestBatch = 1024; // bytes
 
 PubSubPublisher::PubSubPublisher(PubSubQueue *queue, AccessToken::Row row, const PublisherTimes &times)
     : m_queue(queue), m_times(times), m_token(&m_network, &m_clock, std::move(row), times.answerTimeout),
-      m_backoff(times.firstRest)
+      m_backoff(times.firstRest), m_patience(times.answerTimeout)
 {
     m_retry.setSingleShot(true);
     connect(&m_retry, &QTimer::timeout, this, &PubSubPublisher::publish);
@@ -66,6 +66,7 @@ bool PubSubPublisher::publishNext()
     if (!messages) {
         m_backoff.fail();
         rest(QStringLiteral("the outbox cannot be read"));
+        emit outboxFailed();
         return false;
     }
     if (!messages->isEmpty())
@@ -107,7 +108,7 @@ void PubSubPublisher::post(const Batch &batch, const QVector<OutboxMessage> &mes
     request.setRawHeader("Accept-Encoding", "identity"); // so that the limit holds for what is unpacked, too
     QNetworkReply *reply = m_network.post(request, body);
     limitAnswer(reply);
-    QTimer::singleShot(m_times.answerTimeout + body.size() / slowestLine, reply, &QNetworkReply::abort);
+    QTimer::singleShot(m_patience.ms() + body.size() / slowestLine, reply, &QNetworkReply::abort);
     ++m_underWay;
     const int messageCount = messages.size();
     connect(reply, &QNetworkReply::finished, this, [=] { finish(reply, batch, messageCount, token); });
@@ -126,8 +127,10 @@ void PubSubPublisher::finish(
         : reply->attribute(QNetworkRequest::HttpReasonPhraseAttribute).toString();
     const PublishAnswer answer = publishAnswer(isComplete ? code : 0, phrase, answerOf(reply), messageCount);
     const qint64 retryAfter = m_clock.retryAfter(reply->rawHeader("Retry-After"));
-    if (!isComplete)
+    if (!isComplete) {
         m_batchBytes = qMax(smallestBatch, m_batchBytes / 2);
+        m_patience.lengthen();
+    }
     if (answer.verdict == PublishAnswer::Unauthorized) {
         wait(batch);
         renewToken(token, answer.reason, retryAfter);
@@ -145,6 +148,7 @@ void PubSubPublisher::handle(
     case PublishAnswer::Accepted:
         m_queue->accept(batch.range);
         m_batchBytes = qMin(mostBytesInBatch, m_batchBytes * 2);
+        m_patience.reset();
         m_tokenRenewed = false;
         m_refused = 0;
         m_logged.clear();

@@ -2,6 +2,7 @@
 
 #include "forwarders/AccessToken.h"
 #include "forwarders/Backoff.h"
+#include "forwarders/Patience.h"
 #include "forwarders/PubSubQueue.h"
 #include "forwarders/PublishRequest.h"
 #include "forwarders/ServerClock.h"
@@ -14,7 +15,8 @@ struct PublisherTimes
 {
     int firstRest = 1000; ///< after a failure, at the longest; the next ones double it up to 60 times
     int forbiddenRest = 60000; ///< after a 403 or 404
-    int answerTimeout = 20000; ///< for an answer, beside what its request takes to be sent
+    int answerTimeout =
+        20000; ///< for an answer, beside what its request takes to be sent; longer after silence
 };
 
 /// Brings what a queue holds to a Pub/Sub topic: in batches, up to four requests at a time, the oldest first.
@@ -38,6 +40,8 @@ signals:
     void tokenFailed();
     /// A request to publish ended; the queue may have changed.
     void finished(bool accepted);
+    /// What is to be sent could not be read, and is tried again.
+    void outboxFailed();
 
 private:
     struct Batch
@@ -62,6 +66,7 @@ private:
     ServerClock m_clock;
     AccessToken m_token;
     Backoff m_backoff;
+    Patience m_patience;
     QTimer m_retry;
     QList<Batch> m_waiting; // failed ones, the oldest first
     int m_underWay = 0;

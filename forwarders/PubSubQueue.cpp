@@ -28,7 +28,6 @@ PubSubQueue::PubSubQueue(const QString &outboxPath) : m_outbox(outboxPath)
 
 PubSubQueue::~PubSubQueue()
 {
-    m_retryAt = 0;
     writeAll();
     if (!m_fresh.isEmpty())
         qInfo() << m_fresh.size() << "messages could not be written to the outbox and are lost";
@@ -72,12 +71,16 @@ std::optional<QVector<OutboxMessage>> PubSubQueue::take(int count, int bytes)
 
 std::optional<QVector<OutboxMessage>> PubSubQueue::takeAgain(SequenceRange range, int count, int bytes)
 {
-    if (range.first <= m_outbox.lastStored()) {
+    const std::optional<qint64> lastStored = m_outbox.lastStored();
+    if (lastStored && range.first <= *lastStored) {
         auto stored = m_outbox.read(range, count, bytes);
         if (!stored || !stored->isEmpty())
             return stored;
     }
-    return fresh(range, count, bytes);
+    auto result = fresh(range, count, bytes);
+    if (!lastStored && result.isEmpty())
+        return {}; // who knows what the file holds
+    return result;
 }
 
 QVector<OutboxMessage> PubSubQueue::fresh(SequenceRange range, int count, int bytes) const
@@ -104,7 +107,7 @@ void PubSubQueue::accept(SequenceRange range)
         return each.message.sequence >= range.first && each.message.sequence <= range.last;
     };
     m_fresh.erase(std::remove_if(m_fresh.begin(), m_fresh.end(), isAccepted), m_fresh.end());
-    m_late = range.first <= m_outbox.lastStored();
+    m_late = range.first <= m_outbox.lastStored().value_or(0);
     if (!m_late)
         return;
     if (m_change.isEmpty())
@@ -161,8 +164,6 @@ void PubSubQueue::write()
 
 void PubSubQueue::writeAll()
 {
-    if (m_clock.elapsed() < m_retryAt)
-        return;
     numberMessages();
     const int count = writable(m_clock.elapsed());
     if ((count > 0 || !m_change.isEmpty()) && !commit(count))

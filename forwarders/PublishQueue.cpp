@@ -35,8 +35,7 @@ void PublishQueue::postWaiting()
         connect(reply, &QNetworkReply::uploadProgress, &m_silence, restartSilence);
         connect(reply, &QNetworkReply::metaDataChanged, &m_silence, restartSilence);
         connect(reply, &QNetworkReply::downloadProgress, &m_silence, restartSilence);
-        if (!m_silence.isActive())
-            m_silence.start();
+        m_silence.start();
     }
 }
 

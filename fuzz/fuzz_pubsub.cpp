@@ -40,7 +40,7 @@ void use(const QString &path)
     Outbox outbox(path);
     outbox.setLimit(64LL * 1024);
     const qint64 sequence = outbox.nextSequence();
-    require(sequence > outbox.lastStored(), "a new number is greater than every old one");
+    require(sequence > outbox.lastStored().value_or(0), "a new number is greater than every old one");
     require(outbox.apply({{{sequence, "{}"}}, {}, {}, 0}).has_value(), "a new message can be stored");
     const auto messages = outbox.read({0, lastSequence}, 500, 1000000);
     require(messages.has_value(), "messages can be read");

@@ -19,6 +19,7 @@ private slots:
     void stopTriesTheDiskOnceMore();
     void tellsOfStrayOutboxes();
     void limitDropsTheOldest();
+    void closedOutboxIsTriedAgain();
 
 private:
     TestDatabase m_file;
@@ -188,6 +189,8 @@ void TestOutbox::limitDropsTheOldest()
     output.token.code = 503;
     LogCapture log;
     output.start();
+    m_file.run("DELETE FROM system_configuration WHERE name = ?"_s, {OUTBOX_LIMIT_KEY}); // it holds on
+    QTest::qWait(1100);
     for (int i = 1; i <= 1500; ++i)
         output.say(QByteArray::number(i) + QByteArray(1000, 'x'));
     QTRY_COMPARE(output.stored("SELECT waiting + dropped FROM state"_s), "1500"_s);
@@ -198,6 +201,16 @@ void TestOutbox::limitDropsTheOldest()
     output.token.code = 200;
     QTRY_COMPARE_WITH_TIMEOUT(output.texts().size(), 1500 - dropped, 8000);
     QVERIFY(output.texts().first().startsWith(QString::number(dropped + 1) + u'x'));
+}
+
+void TestOutbox::closedOutboxIsTriedAgain()
+{
+    Output output(m_file, m_certificates, m_key);
+    QVERIFY(QDir().mkdir(output.path()));
+    QVERIFY(output.startWithToken());
+    QTRY_COMPARE(output.status(), 4); // nobody knows what may be in it
+    QVERIFY(QDir().rmdir(output.path()));
+    QTRY_COMPARE(output.status(), 3);
 }
 
 QTEST_GUILESS_MAIN(TestOutbox)

@@ -21,6 +21,7 @@ private slots:
     void refusedMessageStandsAlone();
     void lostStatusIsWrittenLater();
     void sendsBatchesSideBySide();
+    void hearsOutASlowServer();
     void renewsTheTokenBeforeItEnds();
     void signsWithTheServersTime();
     void lateMessagesComeToTheDisk();
@@ -248,6 +249,17 @@ void TestPubSub::sendsBatchesSideBySide()
     QCOMPARE(messagesOf(output.publishes().at(4)).size(), 1);
 }
 
+void TestPubSub::hearsOutASlowServer()
+{
+    Output output(m_file, m_certificates, m_key);
+    output.token.delay = 1000; // and as long again: more than what is waited for at first
+    output.delay = 2000;
+    output.start();
+    output.say("slow");
+    QTRY_COMPARE(output.waiting(), "1"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(output.waiting(), "0"_s, 12000);
+}
+
 void TestPubSub::renewsTheTokenBeforeItEnds()
 {
     Output output(m_file, m_certificates, m_key);
@@ -256,7 +268,11 @@ void TestPubSub::renewsTheTokenBeforeItEnds()
     QElapsedTimer clock;
     clock.start();
     output.token = {503};
+    QTRY_COMPARE(output.status(), 3);
+    m_file.run(
+        "UPDATE data_forwarder SET status = 0 WHERE ids = ?"_s, {output.id}); // as a restored file has it
     QTRY_COMPARE_WITH_TIMEOUT(output.tokenRequests(), 2, 8000);
+    QCOMPARE(output.status(), 3);
     QTRY_VERIFY(output.tokenRequests() > 2); // and another try while there is time
     QVERIFY2(clock.elapsed() >= 5000 && clock.elapsed() < 5900, qPrintable(QString::number(clock.elapsed())));
     output.say("the old one serves");
