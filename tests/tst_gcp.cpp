@@ -383,9 +383,7 @@ void TestGcp::asksAgain()
     log.clear();
     m_slow->server.protocol = QSsl::TlsV1_2;
     m_slow->say("not over that");
-    QTRY_COMPARE(log.count("Unhandled HTTP response : code= 0"_s), 1);
-    m_slow->reconnect();
-    QTRY_COMPARE(log.count("Unhandled HTTP response : code= 0"_s), 2);
+    QTRY_VERIFY(log.count("Unhandled HTTP response : code= 0"_s) > 1); // the message, and the token
     QCOMPARE(m_slow->server.requests.size(), 4);
     QCOMPARE(pubSubEndpoint({}), QUrl("https://pubsub.googleapis.com"_s));
 }
