@@ -1,8 +1,10 @@
 """The other ends of the TCP outputs and of the file, which can be made to fail."""
 
+import fcntl
 import os
 import socket
 import struct
+import termios
 import threading
 import time
 
@@ -56,11 +58,20 @@ class TcpSink:
             data += received
             data = data[max(self._take(data), len(data) - 16):]
 
+    def _read_out(self, client):
+        """What was sent before is read first, however busy the machine is."""
+        quiet, end = 0, time.monotonic() + 5
+        while quiet < 10 and time.monotonic() < end and not self.stalled.is_set():
+            unread = fcntl.ioctl(client, termios.FIONREAD, bytes(4))
+            quiet = 0 if any(unread) else quiet + 1
+            time.sleep(0.02)
+
     def hang_up(self, reset=False):
         client = self._client
         if client is None:
             return
         try:
+            self._read_out(client)
             if reset:
                 client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
             client.shutdown(socket.SHUT_RDWR) if not reset else None
