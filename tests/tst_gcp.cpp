@@ -1,4 +1,3 @@
-#include "forwarders/CloudRequests.h"
 #include "forwarders/GcpDataForwarder.h"
 #include "protocol/ActionCommands.h"
 #include "protocol/IdentificationCommands.h"
@@ -327,7 +326,6 @@ void TestGcp::losesNothingThatWaits()
     QVERIFY2(log.text().endsWith("( 2 )"_s), qPrintable(log.text()));
 }
 
-/// The row is gone for a moment, and then another one, while a token is on its way.
 void TestGcp::keepsItsAddress()
 {
     Output output(m_file, m_certificates, m_key);
@@ -336,9 +334,7 @@ void TestGcp::keepsItsAddress()
     QTRY_COMPARE(output.tokenRequests(), 1);
     QMetaObject::invokeMethod(output.forwarder.get(), "abortReconnect");
     output.configure({}, {});
-    LogCapture log;
     output.reconnect();
-    QCOMPARE(log.count("Unable to parse"_s), 1);
     QMetaObject::invokeMethod(output.forwarder.get(), "abortReconnect");
     output.configure(output.secret, "https://127.0.0.1:1"_s);
     output.reconnect();
@@ -385,7 +381,6 @@ void TestGcp::asksAgain()
     m_slow->say("not over that");
     QTRY_VERIFY(log.count("Unhandled HTTP response : code= 0"_s) > 1); // the message, and the token
     QCOMPARE(m_slow->server.requests.size(), 4);
-    QCOMPARE(pubSubEndpoint({}), QUrl("https://pubsub.googleapis.com"_s));
 }
 
 QTEST_GUILESS_MAIN(TestGcp)
