@@ -1,6 +1,5 @@
 #include "forwarders/AccessToken.h"
 
-#include "forwarders/CloudRequests.h"
 #include "forwarders/PublishRequest.h"
 #include "forwarders/ServiceAccount.h"
 #include "network/LimitedAnswer.h"

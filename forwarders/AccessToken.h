@@ -1,6 +1,7 @@
 #pragma once
 
 #include "config/DataForwarderConfig.h"
+#include "forwarders/CloudRequests.h"
 #include "forwarders/Patience.h"
 #include "forwarders/ServerClock.h"
 
@@ -44,13 +45,6 @@ signals:
     void failed(const QString &reason, qint64 retryAfter);
 
 private:
-    struct Destination
-    {
-        QString projectId;
-        QString topic;
-        QUrl endpoint;
-    };
-
     void post(const QString &tokenUri, const QByteArray &assertion);
     void finish(QNetworkReply *reply);
     bool take(const QByteArray &answer);
@@ -60,8 +54,8 @@ private:
     ServerClock *const m_clock;
     const Row m_row;
     Patience m_patience;
-    Destination m_destination;
-    Destination m_requested; // what counts when the token is there: no token goes where another row says
+    CloudDestination m_destination;
+    CloudDestination m_requested; // what counts when the token is there: no token goes where another row says
     QByteArray m_value;
     qint64 m_lifetime = 0; // ms
     qint64 m_signedAt = 0; // s since 1970 UTC

@@ -27,6 +27,14 @@ QUrl pubSubEndpoint(const QString &target);
 /// The URL that messages for a topic are posted to.
 QUrl publishUrl(const QUrl &endpoint, const QString &projectId, const QString &topic);
 
+/// Where messages go.
+struct CloudDestination
+{
+    QString projectId;
+    QString topic;
+    QUrl endpoint;
+};
+
 QNetworkRequest cloudRequest(const QUrl &url, const QString &contentType);
 /// A request that trades an assertion for an access token, and its body.
 QNetworkRequest tokenRequest(const QString &tokenUri);

@@ -1,6 +1,5 @@
 #include "forwarders/GcpDataForwarder.h"
 
-#include "forwarders/CloudRequests.h"
 #include "forwarders/ServiceAccount.h"
 #include "network/LimitedAnswer.h"
 #include "protocol/ActionCommands.h"
@@ -75,7 +74,7 @@ void GcpDataForwarder::abortReconnect()
 }
 
 void GcpDataForwarder::requestToken(
-    const QString &tokenUri, const QByteArray &assertion, const Destination &destination)
+    const QString &tokenUri, const QByteArray &assertion, const CloudDestination &destination)
 {
     QNetworkReply *reply = m_networkManager->post(tokenRequest(tokenUri), tokenRequestBody(assertion));
     m_requested.insert(reply, destination);
@@ -87,7 +86,7 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
 {
     reply->deleteLater();
     const bool isPublish = m_publishQueue.remove(reply);
-    const Destination requested = m_requested.take(reply);
+    const CloudDestination requested = m_requested.take(reply);
     const int code = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
     const bool hasToken = m_tokenState == Ready;
     if (code != 200) {
@@ -106,7 +105,7 @@ void GcpDataForwarder::replyFinished(QNetworkReply *reply)
     m_publishQueue.postWaiting();
 }
 
-void GcpDataForwarder::takeToken(const QByteArray &answer, const Destination &destination)
+void GcpDataForwarder::takeToken(const QByteArray &answer, const CloudDestination &destination)
 {
     const auto token = accessToken(answer);
     if (!token) {

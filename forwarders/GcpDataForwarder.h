@@ -1,6 +1,7 @@
 #pragma once
 
 #include "forwarders/CloudMessage.h"
+#include "forwarders/CloudRequests.h"
 #include "forwarders/DataForwarder.h"
 #include "forwarders/PublishQueue.h"
 
@@ -40,24 +41,18 @@ private:
         RequestFailed = 2,
     };
 
-    struct Destination
-    {
-        QString projectId;
-        QString topic;
-        QUrl endpoint;
-    };
-
     bool isRefused(const QString &problem);
-    void requestToken(const QString &tokenUri, const QByteArray &assertion, const Destination &destination);
-    void takeToken(const QByteArray &answer, const Destination &destination);
+    void requestToken(
+        const QString &tokenUri, const QByteArray &assertion, const CloudDestination &destination);
+    void takeToken(const QByteArray &answer, const CloudDestination &destination);
     static void logRefusal(int code, const QString &reason);
     void loseToken();
     void publishOrPostpone(const CloudMessage &message, QList<CloudMessage> *postponed);
     void publish(CloudMessage message);
     QNetworkReply *post(const CloudMessage &message);
 
-    Destination m_destination;
-    QHash<const QNetworkReply *, Destination> m_requested; // where each token under way is good for
+    CloudDestination m_destination;
+    QHash<const QNetworkReply *, CloudDestination> m_requested; // where each token under way is good for
     QString m_refusal; // the one that was logged last
     QByteArray m_bearerToken;
     bool m_reconnecting = false;

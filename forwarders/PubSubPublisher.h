@@ -15,8 +15,8 @@ struct PublisherTimes
 {
     int firstRest = 1000; ///< after a failure, at the longest; the next ones double it up to 60 times
     int forbiddenRest = 60000; ///< after a 403 or 404
-    int answerTimeout =
-        20000; ///< for an answer, beside what its request takes to be sent; longer after silence
+    /// For an answer, beside what its request takes to be sent; longer after silence.
+    int answerTimeout = 20000;
 };
 
 /// Brings what a queue holds to a Pub/Sub topic: in batches, up to four requests at a time, the oldest first.
