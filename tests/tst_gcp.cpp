@@ -308,7 +308,7 @@ void TestGcp::losesNothingThatWaits()
         "GcpDataForwarder : invalid credentials.\n"
         "forwarder id= %1  postponed frame : forwarder is not ready ( 8 )"_s.arg(output.id));
 
-    output.server.otherAnswer = {};
+    output.server.otherAnswer.code = 200; // as slowly: six have come before one is answered
     output.server.requests.clear();
     QMetaObject::invokeMethod(output.forwarder.get(), "abortReconnect");
     QVERIFY(output.getsToken());
@@ -317,7 +317,7 @@ void TestGcp::losesNothingThatWaits()
     QStringList first = output.published().mid(0, 7);
     first.sort(); // those that are on their way together may overtake each other
     QCOMPARE(first.join(u' '), "m22 m23 m24 m25 m26 m27 m31"_s);
-    QVERIFY(output.published().mid(8).contains("*SET,5T,TXCODE,123DC"_s)); // asked for its text once
+    QVERIFY(output.published().mid(7).contains("*SET,5T,TXCODE,123DC"_s)); // asked for its text once
 
     output.server.otherAnswer.code = -1;
     say(32, 39);

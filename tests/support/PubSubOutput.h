@@ -93,7 +93,7 @@ struct PubSubOutput
         if (request.path == "/token")
             return token;
         HttpServer::Answer given = nextAnswers.isEmpty() ? accepted(request) : nextAnswers.takeFirst();
-        if (given.code == 200 && given.body.contains("messageIds")) {
+        if (given.code == 200 && given.body.contains("\"0\"")) { // the id of the first
             for (const QJsonValue message : messagesOf(request)) {
                 const QJsonValue attributes = message["attributes"_s];
                 m_texts.insert(attributes["sequence"_s].toString().toLongLong(), textOf(message));
