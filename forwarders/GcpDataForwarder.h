@@ -8,7 +8,6 @@
 #include <QHash>
 #include <QList>
 #include <QNetworkAccessManager>
-#include <QUrl>
 
 class QNetworkReply;
 
