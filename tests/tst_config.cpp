@@ -176,9 +176,9 @@ void TestConfig::adapterRows()
         (QStringList{config->method, config->port, config->name, config->esn}));
     QVERIFY(read.baudrate == 4800 && read.autobaud && read.tx_enabled && read.enabled && !read.discovered);
 
-    for (const int stored : {-1, 1, 5}) {
+    for (const int stored : {-1, 0, 1, 5}) {
         file.run("UPDATE radio_adapters SET status = ?"_s, {stored});
-        QCOMPARE(int(database.getRadioAdapters().first()->status), stored == 1 ? 1 : 2);
+        QCOMPARE(int(database.getRadioAdapters().first()->status), stored == 0 || stored == 1 ? stored : 2);
     }
     FreshDatabase restarted(file.path());
     QCOMPARE(file.run("SELECT status FROM radio_adapters"_s), "0"_s);
@@ -276,12 +276,14 @@ void TestConfig::damagedFileKeepsItsOutputs()
     file.addForwarder("RAW"_s, "kept"_s);
     const int page =
         file.run("SELECT rootpage FROM sqlite_master WHERE name = 'system_configuration'"_s).toInt();
-    file.writeFile("quillon.sqlite"_s,
-        file.readFile("quillon.sqlite"_s).replace((page - 1) * 4096, 64, QByteArray(64, '\xff')));
-    LogCapture log;
-    FreshDatabase database(file.path());
-    QCOMPARE(log.count("Old database schema detected"_s), 0);
-    QCOMPARE(log.count("checkDatabaseRelease()"_s), 1); // although it stays due
+    const QByteArray whole = file.readFile("quillon.sqlite"_s);
+    for (const int damage : {100, (page - 1) * 4096}) { // the list of tables, the release's table
+        file.writeFile("quillon.sqlite"_s, QByteArray(whole).replace(damage, 64, QByteArray(64, '\xff')));
+        LogCapture log;
+        FreshDatabase database(file.path());
+        QCOMPARE(log.count("Old database schema detected"_s), 0);
+        QCOMPARE(log.count("checkDatabaseRelease()"_s), 1); // although it stays due
+    }
     QCOMPARE(outputs(file), "GCP0 RAWkept0"_s);
 }
 
