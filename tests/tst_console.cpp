@@ -90,11 +90,12 @@ void TestConsole::answersHeadWithoutBody()
 {
     start();
     for (const char *path : {"/", "/api/state", "/api/events", "/api/say"}) {
-        const QByteArray whole = ConsoleClient(m_port).send(get(path)).answer(500);
+        ConsoleClient client(m_port);
+        QVERIFY(client.send(get(path)).waitFor("\r\n\r\n", 10000));
         const QByteArray head = ask(get(path).replace(0, 3, "HEAD"));
-        QCOMPARE(statusOf(head), statusOf(whole));
+        QCOMPARE(statusOf(head), statusOf(client.received()));
         QVERIFY2(head.endsWith("\r\n\r\n") && head.count("\r\n\r\n") == 1, head);
-        QCOMPARE(head.contains("Content-Length: "), whole.contains("Content-Length: "));
+        QCOMPARE(head.contains("Content-Length: "), client.received().contains("Content-Length: "));
     }
 }
 
