@@ -20,6 +20,7 @@ import pages
 import peers
 import streaming
 import tables
+from host import Host
 from rig import (LINE_RATE, Daemon, Process, Radios, add_output, add_radios, lines_in, make_database, open_paths, say,
                  wait_for, wait_until)
 from sinks import TcpSink
@@ -29,6 +30,7 @@ from trace import trace_frames
 class Bench:
     def __init__(self, arguments):
         self.arguments = arguments
+        self.host = Host()
         self.folder = tempfile.mkdtemp(prefix="quillon-bench-")
         self.results = earlier_results(arguments) if arguments.parts else {}
         self.results |= {"date": str(date.today()), "machine": machine(), "versions": versions(arguments.bin)}
@@ -42,7 +44,9 @@ class Bench:
         return daemon
 
     def radios_at_line_rate(self):
-        self.results["fleet"] = [self.fleet(count) for count in self.arguments.fleets]
+        self.results["fleet"] = [
+            self.host.undisturbed(lambda count=count: self.fleet(count), lambda figures: figures["lost"])
+            for count in self.arguments.fleets]
 
     def fleet(self, count):
         radios, daemon, log = self.identified_radios(count)
@@ -181,7 +185,9 @@ def main():
     bench = Bench(arguments)
     for name, part in PARTS.items():
         if not arguments.parts or name in arguments.parts:
+            bench.host.forget()
             part(bench)
+            bench.results.setdefault("host", {})[name] = bench.host.counts
     shutil.rmtree(bench.folder, ignore_errors=True)
     with open(f"{arguments.output}.json", "w") as file:
         json.dump(bench.results, file, indent=2)

@@ -70,19 +70,25 @@ def idle(bench):
 
 
 def loaded(bench):
-    rounds, behind, missed, last = [], 0, 0, {}
-    count = RATE * bench.arguments.seconds // 2
+    rounds = []
     for _ in range(bench.arguments.rounds):
-        figures = {}
+        rounds.append({})
         for name, pages in (("without", 0), ("with", PAGES)):
-            gateway = Watched(bench, pages)
-            numbers = run_probe(bench, gateway, "latency", count, [1000 // RATE])
-            figures |= quantiles(name, numbers)
-            for frames, gaps in gateway.counts or ():
-                behind += frames < count
-                missed += gaps
-            last = gateway.figures or last
-        rounds.append(figures)
-        say("console", figures)
-    return {"latency": {name: statistics.median(one[name] for one in rounds) for name in rounds[0]},
-            "pages": PAGES, "behind": behind, "missed": missed, **last}
+            rounds[-1] |= bench.host.undisturbed(lambda name=name, pages=pages: watched(bench, name, pages),
+                                                 lambda figures: figures.get("behind") or figures.get("missed"))
+        say("console", rounds[-1])
+    return {"latency": {name: statistics.median(one[name] for one in rounds) for name in rounds[0] if " p" in name},
+            "pages": PAGES, **{name: sum(one[name] for one in rounds) for name in ("behind", "missed")},
+            **{name: rounds[-1][name] for name in ("core", "rss")}}
+
+
+def watched(bench, name, pages):
+    """RAW's latency with so many pages open; how many of them were behind, how many records they missed."""
+    gateway = Watched(bench, pages)
+    count = RATE * bench.arguments.seconds // 2
+    figures = quantiles(name, run_probe(bench, gateway, "latency", count, [1000 // RATE]))
+    if pages:
+        figures |= gateway.figures
+        figures["behind"] = sum(frames < count for frames, _ in gateway.counts)
+        figures["missed"] = sum(gaps for _, gaps in gateway.counts)
+    return figures

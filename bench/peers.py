@@ -105,6 +105,11 @@ def run_probe(bench, gateway, kind, count, more=(), cores=(None, None)):
     return [float(line) for line in output.split()]
 
 
+def probed(bench, *arguments, **named):
+    """The same, while the machine's host takes no part in it."""
+    return bench.host.undisturbed(lambda: run_probe(bench, *arguments, **named))
+
+
 def compare(bench):
     """Latency and throughput, the programs taking turns."""
     every = Quillon(bench, ("RAW", "ERAW", "FILE"))
@@ -114,12 +119,12 @@ def compare(bench):
         for gateway in gateways:
             figures = {}
             for where, cores in CORES.items():
-                latencies = sorted(run_probe(bench, gateway, "latency", bench.arguments.samples, cores=cores))
+                latencies = sorted(probed(bench, gateway, "latency", bench.arguments.samples, cores=cores))
                 figures[f"p50, {where}"] = latencies[len(latencies) // 2] / 1000
                 figures[f"p99, {where}"] = latencies[len(latencies) * 99 // 100] / 1000
-            figures["rate"] = gateway.flood_frames / run_probe(bench, gateway, "flood", gateway.flood_frames)[0]
+            figures["rate"] = gateway.flood_frames / probed(bench, gateway, "flood", gateway.flood_frames)[0]
             rounds[gateway.name].append(figures)
-        rounds[every.name].append({"rate": flood_every_output(bench, every)})
+        rounds[every.name].append({"rate": bench.host.undisturbed(lambda: flood_every_output(bench, every))})
         say(f"round {number + 1}", {name: rounds[name][-1] for name in rounds})
     bench.results["rounds"] = rounds
     bench.results["comparison"] = {

@@ -4,7 +4,7 @@ import statistics
 import subprocess
 import time
 
-from peers import Quillon, run_probe
+from peers import Quillon, probed
 from rig import LINE_RATE, add_output, lines_in, say, wait_until
 
 CLIENTS = 64
@@ -43,7 +43,9 @@ def measure(bench):
     for order in (("RAW", "STREAM"), ("STREAM", "RAW")):
         figures["beside"][" before ".join(order)] = median_of(bench, lambda order=order: beside(bench, order))
     figures["stuck"] = median_of(bench, lambda: stuck(bench))
-    figures["clients"] = [many_clients(bench, count) for count in (0, 1, CLIENTS)]
+    figures["clients"] = [
+        bench.host.undisturbed(lambda count=count: many_clients(bench, count), lambda result: result["lost"])
+        for count in (0, 1, CLIENTS)]
     say("stream", figures)
 
 
@@ -63,7 +65,7 @@ def quantiles(name, latencies):
 def beside(bench, order):
     """Both latencies of the same frames."""
     gateway = Streaming(bench, order)
-    numbers = run_probe(bench, gateway, "beside", bench.arguments.samples, [gateway.path])
+    numbers = probed(bench, gateway, "beside", bench.arguments.samples, [gateway.path])
     return quantiles("RAW", numbers[::2]) | quantiles("STREAM", numbers[1::2])
 
 
@@ -71,7 +73,7 @@ def stuck(bench):
     """RAW's latency beside a client that reads and beside one that has stopped."""
     figures = {}
     for name, client in (("reads", ("clients", "1")), ("stopped", ("stuck",))):
-        numbers = run_probe(bench, Streaming(bench, client=client), "latency", WARM_UP + bench.arguments.samples)
+        numbers = probed(bench, Streaming(bench, client=client), "latency", WARM_UP + bench.arguments.samples)
         figures |= quantiles(name, numbers[WARM_UP:])
     return figures
 

@@ -14,9 +14,18 @@ def render(results):
                           ("stream", stream), ("console", console)):
         if key in results:
             parts.append(renderer(results[key]))
+    parts[0] += host(results.get("host", {}).values())
     if {"comparison", "fleet", "idle"} <= results.keys():
         parts.append(aims(results["comparison"], results["fleet"], results["idle"]))
     return "\n".join(parts)
+
+
+def host(parts):
+    """How often the machine's host disturbed a measurement."""
+    measurements, repetitions, disturbed = (sum(part[name] for part in parts)
+                                            for name in ("measurements", "repetitions", "disturbed"))
+    return (f"\n{measurements} short measurements took {measurements + repetitions} runs, because of the host of the"
+            f" machine; {disturbed} of them were disturbed to the end.\n") if measurements else ""
 
 
 def aims(medians, radios, idle_figures):
