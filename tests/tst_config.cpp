@@ -3,7 +3,6 @@
 #include "support/TestDatabase.h"
 
 #include <csignal>
-#include <optional>
 #include <sys/resource.h>
 
 namespace {
@@ -32,23 +31,15 @@ QString tables(const TestDatabase &file)
 const QString allTables =
     "port_blacklist system_configuration radio_adapters data_forwarder pending_actions"_s;
 
-/// A disk that is full for files that would grow beyond so many bytes.
-class FullDisk
+/// Makes the disk full for files that would grow beyond so many bytes.
+void limitFiles(rlim_t bytes)
 {
-public:
-    explicit FullDisk(rlim_t bytes)
-    {
-        ::signal(SIGXFSZ, SIG_IGN);
-        ::getrlimit(RLIMIT_FSIZE, &m_before);
-        const rlimit limited = {bytes, m_before.rlim_max};
-        ::setrlimit(RLIMIT_FSIZE, &limited);
-    }
-    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
-    Q_DISABLE_COPY(FullDisk)
-
-private:
-    rlimit m_before = {};
-};
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_FSIZE, &limit);
+    limit.rlim_cur = std::min(bytes, limit.rlim_max);
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+}
 
 } // namespace
 
@@ -57,6 +48,7 @@ class TestConfig : public QObject
     Q_OBJECT
 
 private slots:
+    void cleanup() { limitFiles(RLIM_INFINITY); }
     void newFileHasSchemaAndDefaults();
     void migration();
     void adapterRows();
@@ -216,13 +208,12 @@ void TestConfig::creationIsWholeOrNothing()
     for (const QString &view : allTables.split(u' ') + QStringList("full_disk"_s)) {
         const TestDatabase file;
         file.run("CREATE VIEW %1 AS SELECT 1"_s.arg(view)); // where a table is to be made, but for the last
-        std::optional<FullDisk> fullDisk;
         if (view == "full_disk"_s)
-            fullDisk.emplace(8192); // two pages
+            limitFiles(8192); // two pages
         LogCapture log;
         FreshDatabase database(file.path());
         QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "undefined"_s);
-        fullDisk.reset();
+        limitFiles(RLIM_INFINITY);
         QCOMPARE(tables(file), QString());
         const QString failed = "void ConfigDatabase::init%1()  : error caught :  QSqlError("_s;
         QVERIFY(log.count(failed.arg(operations.takeFirst())) > 0 || view == "full_disk"_s);
@@ -240,13 +231,13 @@ void TestConfig::migrationIsWholeOrNothing()
     makeFile(file);
     file.run("UPDATE data_forwarder SET type = 'RAW'"_s);
     file.setKey(BDD_RELEASE_KEY, "0.21.0"_s);
-    std::optional<FullDisk> fullDisk(3 * 4096); // the release stands in the third page, the outputs after it
+    limitFiles(12288); // three pages: the release stands in the third, the outputs after it
     LogCapture log;
     FreshDatabase database(file.path());
     QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "0.21.0"_s);
     QCOMPARE(outputs(file), "RAW0"_s);
     QCOMPARE(log.count("error caught"_s), 1); // although it stays due
-    fullDisk.reset();
+    limitFiles(RLIM_INFINITY);
     QCOMPARE(database.getSystemConfigurationValue(BDD_RELEASE_KEY), "1.1"_s);
     QCOMPARE(outputs(file), "GCP0"_s);
 }
