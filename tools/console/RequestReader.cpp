@@ -12,6 +12,7 @@ namespace {
 
 const quint32 headerLimit = 8192;
 const quint64 bodyLimit = 4096;
+const int lastChunkSize = 5; // the parser asserts that it has as much when it looks at the last chunk again
 
 /// The parts of a request's target (RFC 9112, 3.2); the host is there in the absolute form only.
 struct Target
@@ -66,6 +67,8 @@ RequestReader::State RequestReader::feed(const QByteArray &bytes)
 {
     m_pending += bytes;
     while (m_state == Reading && !m_pending.isEmpty()) {
+        if (m_parser->is_header_done() && m_parser->chunked() && m_pending.size() < lastChunkSize)
+            return m_state;
         boost::beast::error_code error;
         // The parser itself bounds neither a chunk's extensions nor the trailers.
         const size_t offered = qMin(size_t(m_pending.size()), size_t(headerLimit));
