@@ -45,6 +45,11 @@ qint64 singleInteger(const SqliteConnection &connection, const char *statement)
     return query.next() ? query.integer(0) : 0;
 }
 
+bool isReadOnly(const SqliteConnection &connection)
+{
+    return sqlite3_db_readonly(connection.handle(), "main") == 1;
+}
+
 /// Undoes what was done since it was made, unless it is committed.
 class Transaction
 {
@@ -140,6 +145,10 @@ void Outbox::open()
     m_connection =
         std::make_unique<SqliteConnection>(m_path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, busyTimeout);
     distrust(*m_connection);
+    const bool mayBeWritten = !isReadOnly(*m_connection);
+    singleInteger(*m_connection, "PRAGMA schema_version"); // reads the header, which may forbid to write, too
+    if (mayBeWritten && isReadOnly(*m_connection))
+        failAsDamaged("its header names a format that cannot be written");
     // Commits append to the log and are synchronised once each; who reads the file holds nobody up. A commit
     // changes a few rows: small pages halve what it writes.
     m_connection->run("PRAGMA page_size = 1024; PRAGMA journal_mode = WAL; PRAGMA wal_autocheckpoint = 4000;"
@@ -345,6 +354,8 @@ void Outbox::handleFailure(Proof missing, const SqliteError &error)
         moveAside(isNew);
         return;
     }
+    if (error.code == SQLITE_READONLY)
+        m_connection.reset(); // one that is opened anew finds out when the file can be written again
     // A log that is written back begins anew where it is, which takes no room on a full disk.
     if (m_connection)
         sqlite3_wal_checkpoint_v2(

@@ -72,22 +72,24 @@ void TestOutbox::numbersAreNeverUsedTwice()
 void TestOutbox::damagedOutboxIsMovedAside_data()
 {
     QTest::addColumn<QByteArray>("statement");
-    QTest::newRow("no database") << QByteArray();
-    QTest::newRow("another schema") << QByteArray("CREATE TABLE other (a)");
-    QTest::newRow("no name") << QByteArray("DELETE FROM state");
-    QTest::newRow("no number") << QByteArray("UPDATE state SET reserved = 9e18");
+    QTest::addColumn<int>("place"); // of a byte that is overwritten; nothing stands in the last one
+    QTest::newRow("no database") << QByteArray("DELETE FROM message") << 0;
+    QTest::newRow("a format to read only") << QByteArray("DELETE FROM message") << 18;
+    QTest::newRow("another schema") << QByteArray("CREATE TABLE other (a)") << 72;
+    QTest::newRow("no name") << QByteArray("DELETE FROM state") << 72;
+    QTest::newRow("no number") << QByteArray("UPDATE state SET reserved = 9e18") << 72;
 }
 
 void TestOutbox::damagedOutboxIsMovedAside()
 {
     QFETCH(QByteArray, statement);
+    QFETCH(int, place);
     Output output(m_file, m_certificates, m_key);
-    if (statement.isEmpty()) {
-        m_file.writeFile(QFileInfo(output.path()).fileName(), QByteArray(9000, 'x'));
-    } else {
-        Outbox(output.path()).nextSequence();
-        SqliteConnection(output.path(), SQLITE_OPEN_READWRITE, 0).run(statement.constData());
-    }
+    Outbox(output.path()).nextSequence();
+    SqliteConnection(output.path(), SQLITE_OPEN_READWRITE, 0).run(statement.constData());
+    QFile file(output.path());
+    QVERIFY(file.open(QIODevice::ReadWrite) && file.seek(place) && file.putChar(5));
+    file.close();
     LogCapture log;
     output.start();
     output.say(1, 2);
