@@ -28,6 +28,7 @@ bool isDamage(const SqliteError &error)
     case SQLITE_CONSTRAINT:
     case SQLITE_MISMATCH:
     case SQLITE_TOOBIG:
+    case SQLITE_NOMEM: // a damaged record claims to need it; a machine without memory would end the daemon
         return true;
     default:
         return false;
