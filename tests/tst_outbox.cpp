@@ -72,7 +72,7 @@ void TestOutbox::numbersAreNeverUsedTwice()
 void TestOutbox::damagedOutboxIsMovedAside_data()
 {
     QTest::addColumn<QByteArray>("statement");
-    QTest::addColumn<int>("place"); // of a byte that is overwritten; nothing stands in the last one
+    QTest::addColumn<int>("place"); // of a byte that is overwritten; at 72 nothing stands
     QTest::newRow("no database") << QByteArray("DELETE FROM message") << 0;
     QTest::newRow("a format to read only") << QByteArray("DELETE FROM message") << 18;
     QTest::newRow("another schema") << QByteArray("CREATE TABLE other (a)") << 72;
